@@ -1,0 +1,52 @@
+#pragma once
+#include "kestrel/kestrel_export.h"
+
+#include <QByteArray>
+#include <QReadWriteLock>
+
+#include <map>
+#include <unordered_map>
+#include <utility>
+
+namespace Kestrel {
+
+// A thread-safe two-way table between names and symbols (non-zero unsigned numbers; 0 means
+// "no symbol"). The two maps stay inverse to each other: each name has at most one symbol and
+// each symbol at most one name. Entries are never removed.
+class KESTREL_EXPORT SymbolRegistry
+{
+public:
+    SymbolRegistry() = default;
+    SymbolRegistry(const SymbolRegistry &) = delete;
+    SymbolRegistry &operator=(const SymbolRegistry &) = delete;
+
+    // Enters `name` under a number chosen by the caller, in both directions. An earlier entry of
+    // the same name or the same number is replaced. Symbol 0 is refused (logged).
+    void define(const QByteArray &name, const QByteArray &second, unsigned symbol);
+    // The name's symbol, allocating a new non-zero one for a new name. Two threads that race
+    // with the same new name get the same number.
+    unsigned lookupOrDefineImpl(const QByteArray &name, const QByteArray &second);
+    unsigned lookupOrDefine(const QByteArray &name);
+
+    unsigned lookup(const QByteArray &name) const;    // 0 on a miss
+    QByteArray name(unsigned symbol) const;           // the first array of the entry; null on a miss
+    QByteArray second(unsigned symbol) const;         // the second array; null on a miss
+    std::size_t count() const;
+
+    // For callers that do several lookups under one read lock of their own: take lock() for
+    // reading, then use the Unlocked forms. Never define while holding it.
+    QReadWriteLock &lock() const { return m_lock; }
+    unsigned lookupUnlocked(const QByteArray &name) const;
+    QByteArray nameUnlocked(unsigned symbol) const;
+
+private:
+    void defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol);
+
+    // All guarded by m_lock.
+    std::map<QByteArray, unsigned int> m_byName;
+    std::unordered_map<unsigned int, std::pair<QByteArray, QByteArray>> m_bySymbol;
+    mutable QReadWriteLock m_lock;
+    unsigned m_next = 1;   // next candidate for allocation; never 0
+};
+
+} // namespace Kestrel

@@ -1,0 +1,220 @@
+#include "tamarack/Attribute.h"
+#include "tamarack/Node.h"
+
+#include "kestrel/Trace.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace Tamarack {
+
+// Registered listeners of one attribute. Emission copies the entries of a role under the mutex
+// and calls them with no lock held; removal clears an entry's flag so that an emission running
+// on a copy skips it if its turn has not come yet.
+struct Attribute::Listeners
+{
+    struct Entry
+    {
+        Entry(std::function<void()> f, int r) : func(std::move(f)), role(r) {}
+        std::function<void()> func;
+        int role;
+        std::atomic<bool> active{true};
+    };
+
+    std::mutex mutex;
+    std::map<long, std::shared_ptr<Entry>> entries; // guarded by mutex
+    long nextId = 1;                                // guarded by mutex
+};
+
+Attribute::Attribute() = default;
+
+Attribute::Attribute(Node *host, const QByteArray &name)
+    : m_name(name)
+{
+    if (host && !host->addAttribute(name, this))
+        Kestrel::Trace::warning("Attribute::Attribute # could not add '%s' to its host", name.constData());
+}
+
+Attribute::~Attribute()
+{
+    beginDestruction();
+    delete m_listeners.load(std::memory_order_acquire);
+}
+
+Attribute::Listeners *Attribute::listeners()
+{
+    Listeners *current = m_listeners.load(std::memory_order_acquire);
+    if (current)
+        return current;
+    auto *made = new Listeners;
+    // Two racing first listeners agree on one state: the loser frees its own.
+    if (m_listeners.compare_exchange_strong(current, made, std::memory_order_acq_rel))
+        return made;
+    delete made;
+    return current;
+}
+
+long Attribute::addListener(std::function<void()> listener, int role)
+{
+    Listeners *state = listeners();
+    auto entry = std::make_shared<Listeners::Entry>(std::move(listener), role);
+    std::lock_guard<std::mutex> lock(state->mutex);
+    const long id = state->nextId++;
+    state->entries.emplace(id, std::move(entry));
+    return id;
+}
+
+void Attribute::removeListener(long id)
+{
+    Listeners *state = m_listeners.load(std::memory_order_acquire);
+    if (!state)
+        return;
+    std::shared_ptr<Listeners::Entry> removed; // released after the unlock
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        auto it = state->entries.find(id);
+        if (it == state->entries.end())
+            return;
+        removed = std::move(it->second);
+        state->entries.erase(it);
+    }
+    removed->active.store(false, std::memory_order_release);
+}
+
+void Attribute::emitRole(int role)
+{
+    Listeners *state = m_listeners.load(std::memory_order_acquire);
+    if (!state)
+        return;
+    std::vector<std::shared_ptr<Listeners::Entry>> calls;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        calls.reserve(state->entries.size());
+        for (const auto &entry : state->entries)
+            if (entry.second->role == role)
+                calls.push_back(entry.second);
+    }
+    // The copies keep each function alive even if a listener removes itself while it runs.
+    for (const auto &entry : calls)
+        if (entry->active.load(std::memory_order_acquire))
+            entry->func();
+}
+
+void Attribute::emitChange()
+{
+    emitRole(CHANGE_ROLE);
+}
+
+void Attribute::emitDelete()
+{
+    emitRole(DELETE_ROLE);
+}
+
+void Attribute::beginDestruction()
+{
+    if (m_destroying.exchange(true))
+        return;
+    if (Node *owner = host())
+        owner->removeAttribute(this);
+    emitDelete();
+}
+
+void Attribute::eventProcess(const QByteArray &, Kestrel::BinaryData &) {}
+
+float Attribute::asFloat(bool *ok, Layer) const
+{
+    if (ok)
+        *ok = false;
+    return 0.0f;
+}
+
+int Attribute::asInt(bool *ok, Layer) const
+{
+    if (ok)
+        *ok = false;
+    return 0;
+}
+
+QString Attribute::asString(bool *ok, Layer) const
+{
+    if (ok)
+        *ok = false;
+    return QString();
+}
+
+bool Attribute::set(float, Layer, ValueUnit)
+{
+    return false;
+}
+
+bool Attribute::set(int, Layer, ValueUnit)
+{
+    return false;
+}
+
+bool Attribute::set(const QString &, Layer, ValueUnit)
+{
+    return false;
+}
+
+bool Attribute::set(const Wisket::Vector2T<float> &, Layer, QList<ValueUnit>)
+{
+    return false;
+}
+
+bool Attribute::set(const Wisket::Vector3T<float> &, Layer, QList<ValueUnit>)
+{
+    return false;
+}
+
+bool Attribute::set(const Wisket::Vector4T<float> &, Layer, QList<ValueUnit>)
+{
+    return false;
+}
+
+QByteArray Attribute::type() const
+{
+    return QByteArray();
+}
+
+void Attribute::copyValueFromLayer(Layer, Layer) {}
+
+bool Attribute::isChanged() const
+{
+    return false;
+}
+
+void Attribute::clearValue(Layer) {}
+
+bool Attribute::isValueDefinedOnLayer(Layer layer) const
+{
+    return layer > LAYER_4;
+}
+
+Attribute *Attribute::attribute(const QByteArray &) const
+{
+    return nullptr;
+}
+
+void Attribute::setAsDefaults() {}
+
+bool Attribute::layerForSerialization(SerializationOptions options, Layer &layer) const
+{
+    static const struct { SerializationOption bit; Layer layer; } s_order[] = {
+        {SERIALIZE_LAYER_3, LAYER_3},
+        {SERIALIZE_LAYER_USER, LAYER_USER},
+        {SERIALIZE_LAYER_1, LAYER_1},
+        {SERIALIZE_LAYER_DEFAULT, LAYER_DEFAULT},
+    };
+    for (const auto &step : s_order) {
+        if ((options & step.bit) && isValueDefinedOnLayer(step.layer)) {
+            layer = step.layer;
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace Tamarack

@@ -28,7 +28,7 @@ public:
     // True from run() until childLoop() has returned.
     bool isRunning() const;
     // Waits for the end of the thread and joins it: at most `milliseconds`, or without limit for
-    // 0. Returns whether the thread has ended (true as well when it never ran). Can't be called
+    // 0 (or less). Returns whether the thread has ended (true as well when it never ran). Can't be called
     // from the thread itself (returns false).
     bool waitEnd(int milliseconds);
 
@@ -39,7 +39,7 @@ protected:
 
 private:
     class D;
-    std::unique_ptr<D> m_d;
+    std::shared_ptr<D> m_d;   // shared with the running thread, which touches only D after childLoop()
 };
 
 } // namespace Kestrel

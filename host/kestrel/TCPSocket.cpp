@@ -1,0 +1,212 @@
+#include "kestrel/TCPSocket.h"
+
+#include "kestrel/SocketDescriptor.h"
+#include "kestrel/Trace.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Kestrel {
+
+namespace {
+
+const std::chrono::seconds s_connectTimeout(10);
+const int s_connectSliceMs = 100;   // how soon a close() during open() is noticed
+
+// Connects a fresh non-blocking socket, watching for close() on `descriptor` between slices.
+int connectWithin(SocketDescriptor &descriptor, int fd, const sockaddr *address, socklen_t length)
+{
+    if (::connect(fd, address, length) == 0)
+        return 0;
+    if (errno != EINPROGRESS)
+        return errno;
+    const auto deadline = std::chrono::steady_clock::now() + s_connectTimeout;
+    for (;;) {
+        if (descriptor.isClosing())
+            return ECANCELED;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return ETIMEDOUT;
+        pollfd p{fd, POLLOUT, 0};
+        const int ready = ::poll(&p, 1, s_connectSliceMs);
+        if (ready < 0 && errno != EINTR)
+            return errno;
+        if (ready > 0)
+            break;
+    }
+    int error = 0;
+    socklen_t errorLength = sizeof error;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &errorLength) != 0)
+        return errno;
+    return error;
+}
+
+} // namespace
+
+class TCPSocket::D
+{
+public:
+    SocketDescriptor descriptor;
+    std::atomic<unsigned long long> rx{0};
+    std::atomic<unsigned long long> tx{0};
+};
+
+TCPSocket::TCPSocket()
+    : m_d(std::make_unique<D>())
+{
+}
+
+TCPSocket::TCPSocket(int fd)
+    : TCPSocket()
+{
+    if (fd >= 0)
+        m_d->descriptor.reset(fd);
+}
+
+TCPSocket::~TCPSocket()
+{
+    TCPSocket::close();
+}
+
+int TCPSocket::open(const char *host, int port)
+{
+    close();
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    const std::string service = std::to_string(port);
+    const int gai = ::getaddrinfo(host, service.c_str(), &hints, &found);
+    if (gai != 0) {
+        Trace::debug("TCPSocket::open # Can't resolve %s: %s", host ? host : "", gai_strerror(gai));
+        return EHOSTUNREACH;
+    }
+    int result = EHOSTUNREACH;
+    for (addrinfo *a = found; a; a = a->ai_next) {
+        const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, a->ai_protocol);
+        if (fd < 0) {
+            result = errno;
+            continue;
+        }
+        // Published before connecting, so that a close() from another thread can abort the attempt.
+        if (!m_d->descriptor.reset(fd)) {
+            result = EBUSY;
+            break;
+        }
+        const int inUse = m_d->descriptor.acquire();
+        if (inUse < 0) {
+            result = ECANCELED;
+            break;
+        }
+        result = connectWithin(m_d->descriptor, inUse, a->ai_addr, a->ai_addrlen);
+        if (result == 0)
+            ::fcntl(inUse, F_SETFL, ::fcntl(inUse, F_GETFL) & ~O_NONBLOCK);
+        m_d->descriptor.release();
+        if (result == 0 || result == ECANCELED)
+            break;
+        m_d->descriptor.close();
+    }
+    ::freeaddrinfo(found);
+    if (result != 0) {
+        m_d->descriptor.close();
+        Trace::debug("TCPSocket::open # Can't connect to %s:%d: %s", host ? host : "", port, std::strerror(result));
+    }
+    return result;
+}
+
+int TCPSocket::read(void *buffer, int bytes, Flags flags)
+{
+    if (bytes <= 0)
+        return 0;
+    const int fd = m_d->descriptor.acquire();
+    if (fd < 0)
+        return 0;
+    char *out = static_cast<char *>(buffer);
+    int done = 0;
+    while (done < bytes) {
+        const ssize_t n = ::recv(fd, out + done, size_t(bytes - done), 0);
+        if (n > 0) {
+            done += int(n);
+            m_d->rx += (unsigned long long)n;
+            if (!(flags & WaitAll))
+                break;
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            break;   // 0: the peer closed (or we shut down); below 0: the connection failed
+        }
+    }
+    m_d->descriptor.release();
+    return done;
+}
+
+int TCPSocket::write(const void *buffer, int bytes)
+{
+    if (bytes <= 0)
+        return 0;
+    const int fd = m_d->descriptor.acquire();
+    if (fd < 0)
+        return 0;
+    const char *in = static_cast<const char *>(buffer);
+    int done = 0;
+    while (done < bytes) {
+        // MSG_NOSIGNAL: a vanished peer is a short count, not a SIGPIPE for the whole process.
+        const ssize_t n = ::send(fd, in + done, size_t(bytes - done), MSG_NOSIGNAL);
+        if (n > 0) {
+            done += int(n);
+            m_d->tx += (unsigned long long)n;
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else {
+            break;
+        }
+    }
+    m_d->descriptor.release();
+    return done;
+}
+
+void TCPSocket::close()
+{
+    m_d->descriptor.close();
+}
+
+bool TCPSocket::isOpen() const
+{
+    return m_d->descriptor.isOpen();
+}
+
+bool TCPSocket::setNoDelay(bool noDelay)
+{
+    const int fd = m_d->descriptor.acquire();
+    if (fd < 0)
+        return false;
+    const int value = noDelay ? 1 : 0;
+    const bool ok = ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &value, sizeof value) == 0;
+    m_d->descriptor.release();
+    return ok;
+}
+
+int TCPSocket::localPort() const
+{
+    return m_d->descriptor.localPort();
+}
+
+unsigned long long TCPSocket::rxBytes() const
+{
+    return m_d->rx.load();
+}
+
+unsigned long long TCPSocket::txBytes() const
+{
+    return m_d->tx.load();
+}
+
+} // namespace Kestrel

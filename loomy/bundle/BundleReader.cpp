@@ -36,7 +36,7 @@ void BundleReaderCore::readString(QString &out, unsigned maxLength)
 {
     QByteArray bytes;
     readString(bytes, maxLength);
-    out = bytes.isNull() ? QString() : QString::fromUtf8(bytes.constData(), bytes.size());
+    out = QString::fromUtf8(bytes);
 }
 
 void BundleReaderCore::readBinary(QByteArray &out, unsigned maxLength)

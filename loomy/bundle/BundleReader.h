@@ -68,7 +68,7 @@ public:
     // A string whose bytes must be exact: a zero byte inside it is refused with
     // std::invalid_argument ("size mismatch"), after the output is filled and the cursor moved.
     void readString(QByteArray &out, unsigned maxLength = defaultMaxLength);
-    // The same, converted from UTF-8. A null array gives a null QString.
+    // The same, converted from UTF-8.
     void readString(QString &out, unsigned maxLength = defaultMaxLength);
     // A block of arbitrary bytes, embedded zeros allowed.
     void readBinary(QByteArray &out, unsigned maxLength = defaultMaxLength);

@@ -8,14 +8,6 @@
 
 using namespace Loomy;
 
-namespace {
-
-struct Plain3 { char c[3]; };
-struct Plain12 { quint32 x, y, z; };
-struct Plain16 { quint32 a, b, c, d; };
-
-} // namespace
-
 // ---- read(size) ----
 
 TEST(BundleReaderCore, ReadReturnsPointerIntoArrayAndStepsRoundedUpToFour)
@@ -279,14 +271,4 @@ TEST(BundleReader, HostileMapCountEndsInReadPastEnd)
     const Bundle bundle = withBody(unhex("ffffffff 00000000 00000000"));
     BundleReader reader(bundle);
     EXPECT_EQ(thrown([&] { readMap(reader); }), s_readPastEnd);
-}
-
-TEST(BundleReader, HeaderWordsOfItsBundle)
-{
-    Bundle bundle;
-    bundle.stamp(5, 6, 7);
-    const BundleReader reader(bundle);
-    EXPECT_EQ(reader.messageType(), 5u);
-    EXPECT_EQ(reader.bundleId(), 6u);
-    EXPECT_EQ(reader.ackBundleId(), 7u);
 }

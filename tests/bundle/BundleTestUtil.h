@@ -12,6 +12,11 @@
 #include <stdexcept>
 #include <string>
 
+// Plain values of the sizes that take the short, the padded and the unpadded long path.
+struct Plain3 { char c[3]; };
+struct Plain12 { quint32 x, y, z; };
+struct Plain16 { quint32 a, b, c, d; };
+
 // Bytes as spaced hex, so that a failed comparison shows where two wire images differ.
 inline std::string hex(const QByteArray &bytes)
 {
@@ -51,9 +56,9 @@ inline const std::string s_writePastEnd = "out_of_range: BundleWriterCore::write
 
 // Table rows print as their name, also in the names of the registered test cases.
 template <typename Case>
-auto PrintTo(const Case &row, std::ostream *os) -> decltype(void(std::string(row.name)))
+auto operator<<(std::ostream &os, const Case &row) -> decltype(std::string(row.name), os)
 {
-    *os << row.name;
+    return os << row.name;
 }
 
 inline void PrintTo(const QString &text, std::ostream *os)

@@ -9,14 +9,6 @@
 
 using namespace Loomy;
 
-namespace {
-
-struct Plain3 { char c[3]; };
-struct Plain12 { quint32 x, y, z; };
-struct Plain16 { quint32 a, b, c, d; };
-
-} // namespace
-
 // ---- primitives ----
 
 struct WriteCase { const char *name; std::function<void(BundleWriter &)> write; const char *wire; };
@@ -72,15 +64,6 @@ TEST(BundleWriterCore, PaddingIsZeroEvenOverStaleCapacity)
     writer.writeData("ab", 2);
     writer.write(Plain3{{'c', 'd', 'e'}});
     EXPECT_EQ(hex(data), "ff 61 62 00 00 63 64 65 00");
-}
-
-TEST(BundleWriterCore, WritesOnAPlainArray)
-{
-    QByteArray data;
-    BundleWriterCore writer(data);
-    writer.write(quint32(5));
-    writer.writeData("x", 1);
-    EXPECT_EQ(hex(data), "05 00 00 00 78 00 00 00");
 }
 
 // ---- writeDataAt ----

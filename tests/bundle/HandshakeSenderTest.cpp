@@ -1,7 +1,5 @@
 #include "loomy/bundle/HandshakeSender.h"
 
-#include "loomy/bundle/BundleWriter.h"
-
 #include "BundleTestUtil.h"
 
 #include <gtest/gtest.h>
@@ -106,28 +104,4 @@ TEST(HandshakeSender, CollectedBundleKeepsItsBytesWhileNewRecordsAreWritten)
     ASSERT_EQ(second.size(), 1u);
     EXPECT_EQ(handshakeRecords(second[0]), QStringList{"ok c m description=d"});
     EXPECT_EQ(second[0].bundleId(), 2u);
-}
-
-TEST(HandshakeSender, MessageTypesCountUpFromOneAcrossCollections)
-{
-    HandshakeSender sender;
-    unsigned nextId = 1;
-    EXPECT_EQ(sender.registerMessageType("a"), 1u);
-    EXPECT_EQ(sender.registerMessageType("b"), 2u);
-    const std::vector<Bundle> bundles = collect(sender, nextId, 0);
-    EXPECT_EQ(sender.registerMessageType("c"), 3u);
-    EXPECT_EQ(handshakeRecords(bundles[0]).mid(1), (QStringList{"load-module 1 a", "load-module 2 b"}));
-}
-
-TEST(SendOkError, WritesStatusAsTheCommandOnAnyWriter)
-{
-    Bundle bundle;
-    BundleWriter writer(bundle);
-    sendOkError("weird", writer, "cmd", "mod", "text");
-    BundleReader reader(bundle);
-    reader.read<quint32>();
-    EXPECT_EQ(readString(reader), "weird");
-    EXPECT_EQ(readString(reader), "cmd");
-    EXPECT_EQ(readString(reader), "mod");
-    EXPECT_EQ(readMap(reader), (QMap<QString, QString>{{"description", "text"}}));
 }

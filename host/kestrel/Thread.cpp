@@ -17,9 +17,10 @@ class Thread::D
 public:
     QString name;
     std::mutex mutex;                  // guards the rest
-    std::condition_variable ended;     // signalled when running turns false
+    std::condition_variable changed;   // signalled when started or running changes
     std::thread thread;                // joinable from run() until a waitEnd joins it
     bool running = false;              // from run() until childLoop() has returned
+    bool started = false;              // the thread of the current run is about to call childLoop()
 };
 
 namespace {
@@ -70,10 +71,16 @@ bool Thread::run()
     if (m_d->thread.joinable())
         m_d->thread.join();
     m_d->running = true;
+    m_d->started = false;
     std::shared_ptr<D> d = m_d;
     try {
         m_d->thread = std::thread([this, d] {
             nameCurrentThread(d->name);
+            {
+                std::lock_guard<std::mutex> startLock(d->mutex);
+                d->started = true;
+                d->changed.notify_all();
+            }
             try {
                 childLoop();
             } catch (const std::exception &e) {
@@ -84,13 +91,16 @@ bool Thread::run()
             // `this` may be gone by now (an object deleted by its own thread); only d is used.
             std::lock_guard<std::mutex> endLock(d->mutex);
             d->running = false;
-            d->ended.notify_all();
+            d->changed.notify_all();
         });
     } catch (const std::system_error &e) {
         m_d->running = false;
         Trace::error("Thread::run # Failed to start thread %s: %s", qUtf8Printable(m_d->name), e.what());
         return false;
     }
+    // Returning only once the thread is on its way into childLoop() keeps an object that is
+    // destroyed right after run() from having its derived part gone before the virtual call.
+    m_d->changed.wait(lock, [this] { return m_d->started; });
     return true;
 }
 
@@ -108,8 +118,8 @@ bool Thread::waitEnd(int milliseconds)
         return false;
     }
     if (milliseconds <= 0)
-        m_d->ended.wait(lock, [this] { return !m_d->running; });
-    else if (!m_d->ended.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return !m_d->running; }))
+        m_d->changed.wait(lock, [this] { return !m_d->running; });
+    else if (!m_d->changed.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return !m_d->running; }))
         return false;
     if (!m_d->thread.joinable())
         return true;

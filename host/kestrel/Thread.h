@@ -12,8 +12,11 @@ namespace Kestrel {
 //
 // Lifetime: a derived class must make childLoop() return and join (waitEnd) in its own
 // destructor, since childLoop() belongs to the derived part. As a last resort ~Thread joins a
-// thread that still runs (logging a warning); it never detaches, so no thread is left running on
-// freed memory. Destroying a Thread from its own thread is a programming error.
+// thread that still runs (logging a warning), which is safe as long as that childLoop() no longer
+// touches members of the derived class; it never detaches a thread from another thread, so no
+// thread is left running on freed memory. run() returns only after the new thread has started on
+// its way into childLoop(). An object deleted by its own thread is detached (logged as an error);
+// the rest of that run touches nothing of the object.
 class KESTREL_EXPORT Thread
 {
 public:

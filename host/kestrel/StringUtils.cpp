@@ -1,7 +1,6 @@
 #include "kestrel/StringUtils.h"
 
-#include <QLocale>
-
+#include <charconv>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <sstream>
@@ -78,6 +77,16 @@ bool parseWith(const QString &text, T &value, Parse parse)
     return ok;
 }
 
+// The shortest text that reads back to the same value of the type itself (so 0.1f gives "0.1",
+// not the digits of its double widening).
+template <typename T>
+QString shortestText(T value)
+{
+    char buffer[64];
+    const std::to_chars_result r = std::to_chars(buffer, buffer + sizeof buffer, value);
+    return QString::fromLatin1(buffer, int(r.ptr - buffer));
+}
+
 } // namespace
 
 QString TextForm<bool>::toString(const bool &value)
@@ -129,10 +138,9 @@ bool TextForm<unsigned long>::fromString(const QString &text, unsigned long &val
                         [](const QString &t, bool *ok) { return static_cast<unsigned long>(t.toULongLong(ok)); });
 }
 
-// 'g' with the shortest precision that reads back to the same value.
 QString TextForm<float>::toString(const float &value)
 {
-    return QString::number(double(value), 'g', QLocale::FloatingPointShortest);
+    return shortestText(value);
 }
 bool TextForm<float>::fromString(const QString &text, float &value)
 {
@@ -141,7 +149,7 @@ bool TextForm<float>::fromString(const QString &text, float &value)
 
 QString TextForm<double>::toString(const double &value)
 {
-    return QString::number(value, 'g', QLocale::FloatingPointShortest);
+    return shortestText(value);
 }
 bool TextForm<double>::fromString(const QString &text, double &value)
 {

@@ -40,7 +40,11 @@ void emitLine(Kestrel::Trace::Level level, const char *fmt, va_list args)
         hook = s_hook;
     }
     if (hook) {
-        (*hook)(level, line);
+        // Logging never fails for its caller, whatever the hook does.
+        try {
+            (*hook)(level, line);
+        } catch (...) {
+        }
         return;
     }
     switch (level) {

@@ -16,6 +16,7 @@
 #include <QRegExp>
 #include <QString>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -147,21 +148,26 @@ protected:
 private:
     void enqueueChanged(unsigned int symbol);
 
-    // Receiving thread only.
+    // Receiving thread only. The handling pair is written there and read by eventProcess() on
+    // any thread, hence atomic; both are null outside a dispatch.
     std::map<std::pair<long, int>, SlicedEvent> m_slicedEvents;
-    const QByteArray *m_handlingName = nullptr;
-    const Kestrel::BinaryData *m_handlingData = nullptr;
+    std::atomic<const QByteArray *> m_handlingName{nullptr};
+    std::atomic<const Kestrel::BinaryData *> m_handlingData{nullptr};
 
     Kestrel::SymbolRegistry m_symbols;
     AttributeCache m_cache;
     SyncFlags m_syncFlags;
     std::unique_ptr<NodeWatcher> m_watcher;
 
-    // Frame thread only.
+    // Written on the frame thread; read also by the first change of a queued attribute, which
+    // raises its addition on the changing thread.
     std::vector<PendingAttributeListener> m_pendingListeners;   // the index is the listener id
     std::vector<SyncFlagSetting> m_syncFlagSettings;
     std::unordered_map<unsigned int, std::map<unsigned long, std::function<void(Tamarack::Attribute *)>>>
         m_attributeListeners;
+    // Guards the three above. Lock order: this, then the sync flags' lock. Never held while a
+    // pattern listener runs or while the tree is walked.
+    mutable Kestrel::Mutex m_patternMutex;
 
     mutable QReadWriteLock m_eventListenersLock;                 // guards the next two
     std::map<long, std::function<void(const Event &)>> m_eventListeners;

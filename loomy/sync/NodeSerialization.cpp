@@ -1,0 +1,63 @@
+#include "loomy/sync/NodeSerialization.h"
+
+#include "tamarack/AttributeAlias.h"
+#include "tamarack/Node.h"
+
+namespace Loomy {
+
+QByteArray kidPath(const QByteArray &parent, const QByteArray &name)
+{
+    if (parent.isEmpty())
+        return name;
+    QByteArray path;
+    path.reserve(parent.size() + 1 + name.size());
+    path.append(parent).append('/').append(name);
+    return path;
+}
+
+Tamarack::Attribute *followAliases(Tamarack::Attribute *attribute)
+{
+    while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(attribute))
+        attribute = alias->attribute();
+    return attribute;
+}
+
+void walkAttributes(Tamarack::Node &node, const std::function<void(Tamarack::Attribute &)> &fn,
+                    const std::function<bool(Tamarack::Attribute &)> &skip)
+{
+    for (const auto &entry : node.attributes()) {
+        Tamarack::Attribute *target = followAliases(entry.second);
+        if (!target)
+            continue;
+        if (skip && skip(*target))
+            continue;
+        if (auto *child = dynamic_cast<Tamarack::Node *>(target))
+            walkAttributes(*child, fn, {});
+        else
+            fn(*target);
+    }
+}
+
+void walkAttributesWithPath(Tamarack::Node &node,
+                            const std::function<void(Tamarack::Attribute &, const QByteArray &)> &fn)
+{
+    walkWithPathWorker(node, QByteArray(), fn);
+}
+
+void walkWithPathWorker(Tamarack::Node &node, const QByteArray &path,
+                        const std::function<void(Tamarack::Attribute &, const QByteArray &)> &fn)
+{
+    for (const auto &entry : node.attributes()) {
+        Tamarack::Attribute *target = followAliases(entry.second);
+        if (!target)
+            continue;
+        // The key under which the entry is stored, so an alias's target takes the alias's path.
+        const QByteArray childPath = kidPath(path, entry.first);
+        if (auto *child = dynamic_cast<Tamarack::Node *>(target))
+            walkWithPathWorker(*child, childPath, fn);
+        else
+            fn(*target, childPath);
+    }
+}
+
+} // namespace Loomy

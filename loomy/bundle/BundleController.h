@@ -1,0 +1,102 @@
+#pragma once
+#include "loomy/loomy_export.h"
+
+#include <QByteArray>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Kestrel { class BinaryData; class SymbolRegistry; }
+
+// A session keeps one RemoteNode in step with one peer: a Core holds its state, a
+// BundleController is the application's thread-safe handle on it. All session work happens on
+// the frame thread in updateCores(); other threads only hand the core tasks.
+//
+// Ownership: with useGlobalUpdate the only strong reference to a core is its entry in the global
+// list, so a controller may go away on any thread and the core is released on the frame thread,
+// by the next updateAllControllers() or by the node's "destroyed" event. Without it, the
+// controller owns its core and its owner drives it through update().
+namespace Loomy {
+
+class Bundle;
+class Core;
+class RemoteNode;
+
+// Where a core's bundles go. Called on the frame thread once per update pass, also with an
+// empty batch; the vector is not kept by the core after the call.
+class LOOMY_EXPORT Connection
+{
+public:
+    virtual ~Connection();
+    virtual void send(const std::vector<Bundle> &bundles) = 0;
+};
+
+struct LOOMY_EXPORT BundleControllerParams
+{
+    // Null: the core collects and drops its bundles.
+    std::shared_ptr<Connection> connection;
+    // Called for a received event; empty means RemoteNode::handleRemoteEvent(name, data, 0).
+    std::function<void(const QByteArray &, Kestrel::BinaryData &)> eventHandler;
+    // Discard a remote value for an attribute whose last local send the peer has not yet
+    // acknowledged.
+    bool dropStaleChanges = false;
+    bool createMissingAttributes = false;
+    // The session's state once initialised; disabled sessions still apply what comes in.
+    bool enabled = true;
+    // True: driven by updateAllControllers(). False: by BundleController::update().
+    bool useGlobalUpdate = true;
+};
+
+class LOOMY_EXPORT BundleController
+{
+public:
+    static std::shared_ptr<BundleController> create(RemoteNode &node, const BundleControllerParams &params);
+
+    // The node must outlive the controller unless useGlobalUpdate is set: a global core lets go of
+    // its node when the node raises "destroyed". Nothing is built before the first update pass.
+    BundleController(RemoteNode &node, const BundleControllerParams &params);
+    // Any thread. A global core is only flagged here and released by the next frame pass.
+    ~BundleController();
+    BundleController(const BundleController &) = delete;
+    BundleController &operator=(const BundleController &) = delete;
+
+    // Runs one update pass over this core alone; does nothing for a global controller.
+    void update();
+
+    // Initialises the core and dispatches the bundles at once, on the calling thread. Frame
+    // thread only, like ensureIsInitialized() and the two registry accessors.
+    void process(const std::vector<Bundle> &bundles);
+    // Any thread: the batch waits in the core's tasks for the next update pass.
+    void scheduleProcess(const std::vector<Bundle> &bundles);
+    // Any thread. The task runs on the frame thread in the next pass; a core that is gone drops
+    // it silently.
+    void addTask(const std::function<void(Core &)> &task);
+    // Any thread; takes effect at the next pass, in order with scheduled batches.
+    void setEnabled(bool enabled);
+    void debugDump();
+
+    void ensureIsInitialized();
+    // Null once the core is gone. The registries live as long as the core.
+    Kestrel::SymbolRegistry *symbolRegistryRecv();
+    Kestrel::SymbolRegistry *symbolRegistrySend();
+
+private:
+    std::shared_ptr<Core> lockCore() const;
+
+    bool m_dropStaleChanges;               // kept for the application; the core has its own copy
+    bool m_useGlobalUpdate;
+    std::weak_ptr<Core> m_weakCore;        // every operation goes through this: the core may be gone
+    std::shared_ptr<Core> m_core;          // set only without useGlobalUpdate
+};
+
+// The frame's work for a list of cores: tasks, node updates, sending, node updates again. A node
+// shared by several cores is updated once per phase. Frame thread; no lock held.
+LOOMY_EXPORT void updateCores(std::vector<std::shared_ptr<Core>> &cores);
+
+// One pass over every global core, pruning those whose controller is gone. It queues itself with
+// Tamarack::Node::invokeAfterUpdate after each pass while global cores exist; the first global
+// controller starts it. The application normally never calls it.
+LOOMY_EXPORT void updateAllControllers();
+
+} // namespace Loomy

@@ -1,0 +1,174 @@
+#include "loomy/bundle/Core.h"
+
+// Ahead of the bundle headers: <QtEndian> defines Qt's `emit` keyword, which Tamarack's event
+// class uses as a member name.
+#include "loomy/sync/RemoteNode.h"
+#include "loomy/bundle/BundleController.h"
+#include "loomy/bundle/BundleDispatcher.h"
+#include "loomy/bundle/BundleReader.h"
+#include "loomy/bundle/SymbolRegistryHandler.h"
+#include "kestrel/Mutex.h"
+#include "kestrel/SymbolRegistry.h"
+#include "kestrel/Trace.h"
+
+#include <atomic>
+#include <exception>
+
+namespace Loomy {
+
+// The members are declared in the order that fixes teardown: the modules a core creates go before
+// the connection and the flags, and the dispatcher, whose lists keep the senders and receivers
+// alive, goes after all of them.
+class Core::D
+{
+public:
+    D(const BundleControllerParams &params, RemoteNode &remoteNode)
+        : parameters(std::make_unique<BundleControllerParams>(params)), node(&remoteNode)
+    {}
+
+    // Frame thread only, up to `connection`.
+    std::unique_ptr<BundleControllerParams> parameters;  // non-null until initialised
+    RemoteNode *node;                                    // not owned
+    BundleDispatcher dispatcher;
+    Kestrel::SymbolRegistry symbolRegistryRecv;          // the peer's numbers
+    // The type registry, the attribute storage, the node change sender and the receivers of new,
+    // updated and removed attributes and of events take their places here, in that order, when
+    // those modules are added to the session.
+    std::shared_ptr<Connection> connection;              // set by initialisation, never changed
+
+    std::atomic<bool> enabled{false};                    // written on the frame thread only
+    // Lock order: s_controllersMutex (BundleController.cpp), then this one. Never held while a
+    // task runs.
+    Kestrel::Mutex taskMutex;
+    std::vector<std::function<void(Core &)>> pendingTasks;  // guarded by taskMutex
+    std::atomic<bool> destroyed{false};                  // written from any thread
+    // Written by the controller's constructor and by the "destroyed" listener, both under
+    // s_controllersMutex; read by the destructor after the last reference went.
+    long destroyedListenerId = -1;
+};
+
+Core::Core(const BundleControllerParams &params, RemoteNode &node)
+    : m_d(std::make_unique<D>(params, node))
+{}
+
+Core::~Core()
+{
+    if (m_d->destroyedListenerId != -1)
+        m_d->node->eventRemoveListener(m_d->destroyedListenerId);
+}
+
+void Core::ensureIsInitialized()
+{
+    if (!m_d->parameters)
+        return;
+    const BundleControllerParams &params = *m_d->parameters;
+    m_d->enabled.store(params.enabled);
+    m_d->dispatcher.preloadReceiver(std::make_shared<SymbolRegistryReceiver>(m_d->symbolRegistryRecv));
+    // The node change sender registers here, which announces its message types, followed by the
+    // receivers of removed, new and updated attributes and of events.
+    m_d->connection = params.connection;
+    // The receivers take dropStaleChanges, the event handler and createMissingAttributes here.
+    m_d->parameters.reset();
+    // From here on this function is a no-op, also for a listener that the update calls back into.
+    m_d->node->update();
+    // The sender queues the present state of the tree here.
+}
+
+void Core::runPendingTasks()
+{
+    std::vector<std::function<void(Core &)>> tasks;
+    {
+        Kestrel::MutexLocker lock(m_d->taskMutex);
+        tasks.swap(m_d->pendingTasks);
+    }
+    for (const auto &task : tasks) {
+        if (task)
+            task(*this);
+    }
+}
+
+void Core::addTask(const std::function<void(Core &)> &task)
+{
+    Kestrel::MutexLocker lock(m_d->taskMutex);
+    m_d->pendingTasks.push_back(task);
+}
+
+void Core::process(const std::vector<Bundle> &bundles)
+{
+    ensureIsInitialized();
+    if (bundles.empty())
+        return;
+    // What changed here so far leaves ahead of the peer's batch, whose bundles were stamped
+    // without knowing of it.
+    updateAndSend();
+    for (const Bundle &bundle : bundles) {
+        BundleReader reader(bundle);
+        try {
+            m_d->dispatcher.dispatchBundle(reader);
+        } catch (const std::exception &e) {
+            // A bundle that failed half-way keeps what it applied; it is not acknowledged.
+            Kestrel::Trace::warning("BundleController::process # Failed to process bundle of type type %d: %s",
+                                    int(bundle.messageType()), e.what());
+        }
+    }
+}
+
+void Core::sendUpdates()
+{
+    const std::vector<Bundle> bundles = m_d->dispatcher.collectUpdates();
+    if (const std::shared_ptr<Connection> connection = m_d->connection)
+        connection->send(bundles);
+}
+
+void Core::updateAndSend()
+{
+    if (!isEnabled())
+        return;
+    m_d->node->update();
+    // A listener run by the update may have disabled the session.
+    if (!isEnabled())
+        return;
+    sendUpdates();
+}
+
+RemoteNode &Core::node() const
+{
+    return *m_d->node;
+}
+
+BundleDispatcher &Core::dispatcher()
+{
+    return m_d->dispatcher;
+}
+
+Kestrel::SymbolRegistry &Core::symbolRegistryRecv()
+{
+    return m_d->symbolRegistryRecv;
+}
+
+bool Core::isEnabled() const
+{
+    return m_d->enabled.load();
+}
+
+void Core::setEnabled(bool enabled)
+{
+    m_d->enabled.store(enabled);
+}
+
+bool Core::isDestroyed() const
+{
+    return m_d->destroyed.load();
+}
+
+void Core::markDestroyed()
+{
+    m_d->destroyed.store(true);
+}
+
+void Core::setDestroyedListenerId(long id)
+{
+    m_d->destroyedListenerId = id;
+}
+
+} // namespace Loomy

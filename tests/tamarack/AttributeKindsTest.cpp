@@ -1,7 +1,7 @@
 #include "tamarack/AttributeAsset.h"
 #include "tamarack/AttributeContainer.h"
-#include "tamarack/AttributeEnum.h"
 #include "tamarack/AttributeGrid.h"
+#include "tamarack/AttributeT.h"
 #include "tamarack/AttributeSpline.h"
 #include "tamarack/Node.h"
 
@@ -96,16 +96,6 @@ TEST(Asset, TextOnLayers)
     data.rewind();
     root.eventProcess("file", data);
     EXPECT_EQ(asset->value(Attribute::LAYER_USER), QStringLiteral("/c.png"));
-}
-
-TEST(Enum, AnIntWithNames)
-{
-    Tamarack::AttributeEnum mode(nullptr, "mode", 1, {"off", "on"});
-    Tamarack::AttributeT<int> &asInt = mode;
-    EXPECT_EQ(asInt.value(), 1);
-    EXPECT_EQ(mode.asInt(), 1);
-    EXPECT_EQ(mode.enumNames(), QStringList({"off", "on"}));
-    EXPECT_EQ(mode.type(), QByteArray("enum"));
 }
 
 TEST(StringList, TextFormIsOneElementPerLine)

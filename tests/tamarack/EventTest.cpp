@@ -111,14 +111,6 @@ TEST(Event, ExpiredReceiversAreNotCalled)
     EXPECT_EQ(calls, 1);
 }
 
-TEST(Event, EmitWithoutListenersDoesNothing)
-{
-    Event<int> event;
-    event.emit(1);
-    Reference ref;
-    EXPECT_EQ(event.removeListeners(ref.weak()), 0);
-}
-
 TEST(Reference, WeakPointersShareOneBlockAndExpireWithTheMember)
 {
     std::weak_ptr<void> first, second, copied;

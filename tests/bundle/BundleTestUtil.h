@@ -75,8 +75,8 @@ inline QStringList handshakeRecords(const Loomy::Bundle &bundle)
     while (reader.position() < unsigned(bundle.size())) {
         const quint32 size = reader.read<quint32>();
         const unsigned start = reader.position();
-        QStringList fields{Loomy::readString(reader)};
-        const QString &command = fields.first();
+        const QString command = Loomy::readString(reader);
+        QStringList fields{command};
         if (command == "load-module")
             fields << QString::number(reader.read<quint32>());
         if (command != "info")

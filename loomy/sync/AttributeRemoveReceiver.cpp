@@ -1,0 +1,56 @@
+// Tamarack first: <QtEndian>, which the bundle headers include, defines Qt's `emit` keyword, and
+// Tamarack's event class has a member of that name.
+#include "loomy/sync/RemoteNode.h"
+
+#include "loomy/sync/AttributeRemoveReceiver.h"
+
+#include "loomy/bundle/BundleReader.h"
+#include "loomy/sync/AttributeStorage.h"
+#include "loomy/sync/NodeChangeSender.h"
+#include "kestrel/Trace.h"
+
+namespace Loomy {
+
+AttributeRemoveReceiver::AttributeRemoveReceiver(RemoteNode &node, AttributeStorage &storage, NodeChangeSender &sender)
+    : BundleReceiver(QByteArrayLiteral("Orchardlines.Loomy.AttributeRemove")),
+      m_node(node),
+      m_storage(storage),
+      m_sender(sender)
+{}
+
+void AttributeRemoveReceiver::handleBundle(BundleReader &reader)
+{
+    const unsigned end = unsigned(reader.data().size());
+    while (reader.position() < end) {
+        const quint32 symbol = reader.read<quint32>();
+        LoomySessionAttribute *record = m_storage.findByReadSymbol(symbol);
+        if (!record) {
+            Kestrel::Trace::error("AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol %u",
+                                  symbol);
+            continue;
+        }
+        Tamarack::Attribute *attribute = m_node.cache().find(record->writeSymbol);
+        if (!attribute) {
+            Kestrel::Trace::error("AttributeRemoveHandler::handleBundle # Attribute %u already removed", symbol);
+            continue;
+        }
+
+        // Only what was made for the peer goes; an attribute of our own stays in the tree.
+        if (!record->localOrigin) {
+            const NodeWatcher::Event echo{NodeWatcher::ATTRIBUTE_REMOVED, record->writeSymbol};
+            m_sender.ignoreOne(echo);
+            delete attribute;
+            m_sender.stopIgnoring(echo);
+        }
+
+        // readSymbol, readSize and the index stay: a later AttributeNew of the symbol finds this
+        // record again.
+        record->readType = 0;
+        record->lastReceivedId = 0;
+        record->deserializer = LoomySessionAttribute::createDummyDeserializer(record->readSize);
+        record->removedByPeer = true;
+        record->lastSentId = 0;
+    }
+}
+
+} // namespace Loomy

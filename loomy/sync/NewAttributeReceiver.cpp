@@ -1,0 +1,194 @@
+// Tamarack first: <QtEndian>, which the bundle headers include, defines Qt's `emit` keyword, and
+// Tamarack's event class has a member of that name.
+#include "loomy/sync/RemoteNode.h"
+#include "tamarack/AttributeAlias.h"
+#include "tamarack/Node.h"
+
+#include "loomy/sync/NewAttributeReceiver.h"
+
+#include "loomy/bundle/BundleReader.h"
+#include "loomy/sync/AttributeStorage.h"
+#include "loomy/sync/NodeChangeSender.h"
+#include "loomy/types/TypeRegistry.h"
+#include "kestrel/SymbolRegistry.h"
+#include "kestrel/Trace.h"
+
+namespace Loomy {
+
+namespace {
+
+// A value of `size` (0: dynamic, its length word first) is stepped over exactly as a dummy
+// deserialiser of that size would do it.
+void skipValue(BundleReaderCore &reader, unsigned int size)
+{
+    LoomySessionAttribute::createDummyDeserializer(size)(reader);
+}
+
+} // namespace
+
+NewAttributeReceiver::NewAttributeReceiver(RemoteNode &node, AttributeStorage &storage,
+                                           Kestrel::SymbolRegistry &recvSymbols, TypeRegistry &types,
+                                           NodeChangeSender &sender)
+    : BundleReceiver(QByteArrayLiteral("Orchardlines.Loomy.AttributeNew")),
+      m_node(node),
+      m_storage(storage),
+      m_recvSymbols(recvSymbols),
+      m_types(types),
+      m_sender(sender)
+{}
+
+void NewAttributeReceiver::handleBundle(BundleReader &reader)
+{
+    const unsigned end = unsigned(reader.data().size());
+    for (unsigned index = 0; reader.position() < end; ++index) {
+        const quint32 symbol = reader.read<quint32>();
+        const quint32 typeId = reader.read<quint32>();
+        const quint32 size = reader.read<quint32>();
+        const quint32 flags = reader.read<quint32>();
+
+        const QByteArray name = m_recvSymbols.name(symbol);
+        if (name.isNull()) {
+            // The text says "bundle", but only this record is lost.
+            Kestrel::Trace::error("NewAttributeReceiver::handleBundle # Unknown symbol %d at message index %u. "
+                                  "Will ignore the bundle",
+                                  int(symbol), index);
+            if (flags & 1u)
+                skipValue(reader, size);
+            continue;
+        }
+
+        LoomySessionAttribute *record = m_storage.findByReadSymbol(symbol);
+        if (!record)
+            record = m_storage.findByName(name);
+        if (!record)
+            record = m_storage.create(name);
+        m_storage.indexByReadSymbol(symbol, record);
+
+        record->readSymbol = symbol;
+        record->readType = typeId;
+        record->readSize = size;
+        record->removedByPeer = false;
+
+        bool hasValue = (flags & 1u) != 0;
+        // The peer wrote this value before it had seen our latest one: ours stands.
+        if (hasValue && m_dropStaleChanges && reader.ackBundleId() < record->lastSentId) {
+            skipValue(reader, size);
+            hasValue = false;
+        }
+
+        QList<QByteArray> path = name.split('/');
+        const QByteArray attributeName = path.takeLast();
+        Tamarack::Node *node = createOrFindNode(path);
+        if (!node) {
+            // Without createMissingAttributes a missing parent is expected and not worth a line.
+            if (m_createMissingAttributes)
+                Kestrel::Trace::error("NewAttributeReceiver::handleBundle # Failed to create target node at path %s",
+                                      name.constData());
+            if (hasValue)
+                skipValue(reader, size);
+            record->deserializer = LoomySessionAttribute::createDummyDeserializer(size);
+            continue;
+        }
+
+        Tamarack::Attribute *attribute = node->attribute(attributeName);
+        record->localOrigin = attribute != nullptr;
+        std::function<void(BundleReaderCore &)> deserializer;
+
+        if (attribute) {
+            deserializer = createDeserializer(*record, attribute, size);
+            if (hasValue) {
+                // A deserialiser that throws leaves the entry behind; the attribute's next local
+                // change is then swallowed once.
+                const NodeWatcher::Event echo{NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol};
+                m_sender.ignoreOne(echo);
+                record->lastReceivedId = reader.bundleId();
+                deserializer(reader);
+                m_sender.stopIgnoring(echo);
+            }
+        } else if (m_createMissingAttributes) {
+            attribute = createAttribute(typeId);
+            if (attribute) {
+                deserializer = createDeserializer(*record, attribute, size);
+                if (hasValue) {
+                    // Not in the tree yet, so nothing can echo.
+                    record->lastReceivedId = reader.bundleId();
+                    deserializer(reader);
+                    attribute->setAsDefaults();
+                }
+            }
+            // For an unknown type id a null attribute goes in (and is refused), and the announced
+            // value is not stepped over: the next record is read from the value's first byte.
+            node->addAttribute(attributeName, attribute);
+            // The watcher reports the addition now; the sender answers it with this side's symbol.
+            m_node.processPendingAdditions();
+        } else if (hasValue) {
+            skipValue(reader, size);
+        }
+
+        record->deserializer = deserializer ? deserializer : LoomySessionAttribute::createDummyDeserializer(size);
+    }
+}
+
+void NewAttributeReceiver::setCreateMissingAttributes(bool create)
+{
+    m_createMissingAttributes = create;
+}
+
+bool NewAttributeReceiver::createMissingAttributes() const
+{
+    return m_createMissingAttributes;
+}
+
+Tamarack::Node *NewAttributeReceiver::createOrFindNode(const QList<QByteArray> &path)
+{
+    Tamarack::Node *current = &m_node;
+    for (const QByteArray &piece : path) {
+        Tamarack::Attribute *child = current->attribute(piece);
+        while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(child))
+            child = alias->attribute();
+
+        if (!child) {
+            if (!m_createMissingAttributes)
+                return nullptr;
+            auto *made = new Tamarack::Node(current, piece);
+            // The name can be taken by an alias whose chain ends in null: the node is refused
+            // and would stay free, so it goes again and the path counts as not made.
+            if (made->host() != current) {
+                delete made;
+                return nullptr;
+            }
+            current = made;
+            continue;
+        }
+
+        current = dynamic_cast<Tamarack::Node *>(child);
+        if (!current) {
+            Kestrel::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing attribute where a "
+                                  "node was expected");
+            return nullptr;
+        }
+    }
+    return current;
+}
+
+Tamarack::Attribute *NewAttributeReceiver::createAttribute(unsigned int typeId)
+{
+    return m_types.createAttribute(typeId);
+}
+
+std::function<void(BundleReaderCore &)> NewAttributeReceiver::createDeserializer(LoomySessionAttribute &record,
+                                                                                 Tamarack::Attribute *attribute,
+                                                                                 unsigned int size)
+{
+    std::function<void(BundleReaderCore &)> deserializer = m_types.createDeserializer(record.readType, attribute);
+    if (deserializer)
+        return deserializer;
+    // The attribute stays in step on everything else; its values are stepped over.
+    const QByteArray name = m_recvSymbols.name(record.readSymbol);
+    Kestrel::Trace::warning("NewAttributeReceiver::createDeserializer # Found an attribute that we don't know how "
+                            "to deserialize at '%s'",
+                            name.constData());
+    return LoomySessionAttribute::createDummyDeserializer(size);
+}
+
+} // namespace Loomy

@@ -96,23 +96,37 @@ void BGThread::D::workerLoop()
         TaskClock::time_point bestDue;
         float bestPriority = 0.f;
         uint64_t bestOrder = 0;
+        std::vector<std::shared_ptr<Task>> released;
         for (auto it = tasks.begin(); it != tasks.end();) {
             Task::D &d = *(*it)->m_d;
-            std::lock_guard<std::mutex> taskLock(d.mutex);
-            if (d.retired) {
+            bool retired;
+            {
+                std::lock_guard<std::mutex> taskLock(d.mutex);
+                retired = d.retired;
+                const bool better = !best || d.due < bestDue ||
+                                    (d.due == bestDue && (d.priority > bestPriority ||
+                                                          (d.priority == bestPriority && d.order < bestOrder)));
+                if (!retired && !d.running && better) {
+                    best = *it;
+                    bestDue = d.due;
+                    bestPriority = d.priority;
+                    bestOrder = d.order;
+                }
+            }
+            if (retired) {
+                released.push_back(std::move(*it));
                 it = tasks.erase(it);
-                continue;
+            } else {
+                ++it;
             }
-            const bool better = !best || d.due < bestDue ||
-                                (d.due == bestDue && (d.priority > bestPriority ||
-                                                      (d.priority == bestPriority && d.order < bestOrder)));
-            if (!d.running && better) {
-                best = *it;
-                bestDue = d.due;
-                bestPriority = d.priority;
-                bestOrder = d.order;
-            }
-            ++it;
+        }
+        if (!released.empty()) {
+            // The pool may hold the last reference: a task's destructor runs without the pool lock.
+            best.reset();
+            lock.unlock();
+            released.clear();
+            lock.lock();
+            continue;
         }
         if (!best) {
             changed.wait(lock);

@@ -63,11 +63,11 @@ MemGrid8u::~MemGrid8u()
 
 void MemGrid8u::resize(unsigned width, unsigned height)
 {
-    // 32 + 32 bits can't overflow 64; rounding up to 4 can only at the very top, which no
-    // allocator serves anyway.
+    // 32 x 32 bits fit in 64, and so does the rounding. No object may be larger than PTRDIFF_MAX,
+    // so such a size is refused here instead of being put to the allocator.
     const uint64_t cells = uint64_t(width) * height;
     const uint64_t bytes = (cells + 3) & ~uint64_t(3);
-    if (bytes < cells || bytes > SIZE_MAX)
+    if (bytes > uint64_t(PTRDIFF_MAX))
         throw std::bad_alloc();
     if (bytes > m_capacity) {
         void *block = nullptr;

@@ -277,108 +277,80 @@ const char *BinaryData::peekSized(const char *tag, unsigned terminator, unsigned
     return header + 4;
 }
 
+// Copies the payload of a fixed-size item with that tag and steps over the item.
+bool BinaryData::readPayload(const char *tag, void *out, unsigned bytes)
+{
+    const char *p = peekTagged(tag, bytes);
+    if (!p)
+        return false;
+    std::memcpy(out, p, bytes);
+    m_pos += s_tagSize + padded(bytes);
+    return true;
+}
+
 int BinaryData::readInt32(bool *ok)
 {
-    if (const char *p = peekTagged(s_tagInt32, 4)) {
-        int32_t v;
-        std::memcpy(&v, p, 4);
-        m_pos += 8;
-        return v;
-    }
-    if (const char *p = peekTagged(s_tagInt64, 8)) {
-        int64_t v;
-        std::memcpy(&v, p, 8);
-        m_pos += 12;
-        return int(int32_t(uint32_t(uint64_t(v))));   // the low 32 bits, two's complement
-    }
+    int32_t narrow;
+    int64_t wide;
+    if (readPayload(s_tagInt32, &narrow, 4))
+        return narrow;
+    if (readPayload(s_tagInt64, &wide, 8))
+        return int(int32_t(uint32_t(uint64_t(wide))));   // the low 32 bits, two's complement
     failed(ok);
     return 0;
 }
 
 long BinaryData::readInt64(bool *ok)
 {
-    if (const char *p = peekTagged(s_tagInt64, 8)) {
-        int64_t v;
-        std::memcpy(&v, p, 8);
-        m_pos += 12;
-        return long(v);
-    }
-    if (const char *p = peekTagged(s_tagInt32, 4)) {
-        int32_t v;
-        std::memcpy(&v, p, 4);
-        m_pos += 8;
-        return v;
-    }
+    int32_t narrow;
+    int64_t wide;
+    if (readPayload(s_tagInt64, &wide, 8))
+        return long(wide);
+    if (readPayload(s_tagInt32, &narrow, 4))
+        return narrow;
     failed(ok);
     return 0;
 }
 
 float BinaryData::readFloat32(bool *ok)
 {
-    if (const char *p = peekTagged(s_tagFloat32, 4)) {
-        float v;
-        std::memcpy(&v, p, 4);
-        m_pos += 8;
-        return v;
-    }
-    if (const char *p = peekTagged(s_tagFloat64, 8)) {
-        double v;
-        std::memcpy(&v, p, 8);
-        m_pos += 12;
-        return float(v);
-    }
+    float narrow;
+    double wide;
+    if (readPayload(s_tagFloat32, &narrow, 4))
+        return narrow;
+    if (readPayload(s_tagFloat64, &wide, 8))
+        return float(wide);
     failed(ok);
     return 0.f;
 }
 
 double BinaryData::readFloat64(bool *ok)
 {
-    if (const char *p = peekTagged(s_tagFloat64, 8)) {
-        double v;
-        std::memcpy(&v, p, 8);
-        m_pos += 12;
-        return v;
-    }
-    if (const char *p = peekTagged(s_tagFloat32, 4)) {
-        float v;
-        std::memcpy(&v, p, 4);
-        m_pos += 8;
-        return v;
-    }
+    float narrow;
+    double wide;
+    if (readPayload(s_tagFloat64, &wide, 8))
+        return wide;
+    if (readPayload(s_tagFloat32, &narrow, 4))
+        return narrow;
     failed(ok);
     return 0.0;
 }
 
 TimeStamp BinaryData::readTimeStamp(bool *ok)
 {
-    if (const char *p = peekTagged(s_tagTime, 8)) {
-        int64_t v;
-        std::memcpy(&v, p, 8);
-        m_pos += 12;
-        return TimeStamp(v);
-    }
+    int64_t raw;
+    if (readPayload(s_tagTime, &raw, 8))
+        return TimeStamp(raw);
     failed(ok);
     return TimeStamp();
 }
 
-namespace {
-
-template <typename V>
-V readFixed(const char *payload, unsigned *pos)
-{
-    V v;
-    std::memcpy(static_cast<void *>(&v), payload, sizeof(V));
-    *pos += s_tagSize + sizeof(V);
-    return v;
-}
-
-} // namespace
-
 #define KESTREL_READ_VECTOR(NAME, TYPE, TAG)                        \
     TYPE BinaryData::NAME(bool *ok)                                 \
     {                                                               \
-        if (const char *p = peekTagged(TAG, sizeof(TYPE)))          \
-            return readFixed<TYPE>(p, &m_pos);                      \
+        TYPE value;                                                 \
+        if (readPayload(TAG, &value, sizeof(TYPE)))                 \
+            return value;                                           \
         failed(ok);                                                 \
         return TYPE();                                              \
     }

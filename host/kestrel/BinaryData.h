@@ -20,8 +20,8 @@ namespace Kestrel {
 //   time stamp      "TIME"  i64 raw ticks                                          12
 //   vector of f32   "VF2 ", "VF3 ", "VF4 "   2, 3 or 4 f32                         12, 16, 20
 //   vector of i32   "VI2 ", "VI3 ", "VI4 "   2, 3 or 4 i32                         12, 16, 20
-//   string          "STR "  u32 length L, L bytes of UTF-8, a NUL, zero padding    8 + (L + 4) & ~3
-//   blob            "BLOB"  u32 length L, L bytes, zero padding                    8 + (L + 3) & ~3
+//   string          "STR "  u32 length L, L bytes of UTF-8, a NUL, zero padding    8 + ((L + 4) & ~3)
+//   blob            "BLOB"  u32 length L, L bytes, zero padding                    8 + ((L + 3) & ~3)
 //
 // The tag is four ASCII bytes in the order shown. Readers are lenient about width where no
 // information is lost or the caller asked for the narrower type: readInt32 and readInt64 accept
@@ -103,6 +103,7 @@ private:
     void writeSized(const char *tag, const void *payload, unsigned length, unsigned terminator);
     const char *peekTagged(const char *tag, unsigned payload) const;
     const char *peekSized(const char *tag, unsigned terminator, unsigned *length) const;
+    bool readPayload(const char *tag, void *out, unsigned bytes);
     unsigned readableEnd() const;
     void growTo(unsigned long capacity);
 

@@ -2,7 +2,6 @@
 
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/bundle/BundleWriter.h"
-#include "loomy/types/ReadChecked.h"
 
 #include "kestrel/Trace.h"
 #include "tamarack/AttributeAlias.h"
@@ -13,20 +12,8 @@ namespace Loomy {
 
 Tamarack::Attribute *followAliases(Tamarack::Attribute *attribute)
 {
-    // `behind` moves one link for every two of `attribute`; if the two ever meet, the chain is
-    // a circle. (The cast is checked because another thread may retarget a link meanwhile.)
-    Tamarack::Attribute *behind = attribute;
-    bool moveBehind = false;
-    while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(attribute)) {
+    while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(attribute))
         attribute = alias->attribute();
-        if (moveBehind) {
-            auto *behindAlias = dynamic_cast<Tamarack::AttributeAlias *>(behind);
-            behind = behindAlias ? behindAlias->attribute() : nullptr;
-        }
-        moveBehind = !moveBehind;
-        if (attribute == behind)
-            return nullptr;
-    }
     return attribute;
 }
 
@@ -92,7 +79,7 @@ void FunctorWrap::operator()(BundleReaderCore &reader) const
         return;
     }
     const quint32 length = reader.read<quint32>();
-    const char *bytes = readChecked(reader, length);
+    const char *bytes = reader.read(length);
     writer.write(length);
     writer.writeData(bytes, length);
 }

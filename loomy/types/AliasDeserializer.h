@@ -11,8 +11,7 @@ namespace Tamarack { class Attribute; class AttributeAlias; }
 namespace Loomy {
 
 // The first attribute of the alias chain that starts at `attribute` that is not an alias; the
-// attribute itself if it is none. Null when the chain ends in a null target, and also when it
-// runs in a circle, since a circle of aliases never reaches a value either.
+// attribute itself if it is none. Null when the chain ends in a null target.
 LOOMY_EXPORT Tamarack::Attribute *followAliases(Tamarack::Attribute *attribute);
 
 // Stands in for the deserialiser of an alias that has no target yet. Values that come in

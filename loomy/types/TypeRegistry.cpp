@@ -3,7 +3,6 @@
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/bundle/BundleWriter.h"
 #include "loomy/types/AliasDeserializer.h"
-#include "loomy/types/ReadChecked.h"
 #include "loomy/types/ValueMetaTypes.h"
 
 #include "kestrel/Trace.h"
@@ -78,6 +77,15 @@ void writeFixed(const V &value, BundleWriterCore &writer)
 
 // ---- dynamic values: a length word L first ----
 
+// Fails as BundleReaderCore::read does unless `length` bytes are left behind the cursor. For a
+// length that is trusted before anything is read with it.
+void requireLeft(const BundleReaderCore &reader, unsigned length)
+{
+    const unsigned size = unsigned(reader.data().size());
+    if (reader.position() > size || length > size - reader.position())
+        throw std::out_of_range("BundleReader::read # tried to read past the end");
+}
+
 // L for a payload of `bytes`. A QByteArray, and so a bundle, holds less than 2^31 bytes.
 quint32 lengthWord(std::size_t bytes)
 {
@@ -97,7 +105,7 @@ void writeUtf8(const QString &text, BundleWriterCore &writer)
 QString readUtf8(BundleReaderCore &reader)
 {
     const quint32 length = reader.read<quint32>();
-    const char *bytes = readChecked(reader, length);
+    const char *bytes = reader.read(length);
     return QString::fromUtf8(bytes, int(length));
 }
 
@@ -118,8 +126,10 @@ template <typename List, typename ReadElement>
 List readList(BundleReaderCore &reader, const ReadElement &readElement)
 {
     const quint32 length = reader.read<quint32>();
+    // Checked first, or a hostile length could wrap `end` below the cursor and pass for an
+    // empty list.
     requireLeft(reader, length);
-    const unsigned end = reader.position() + length; // can't wrap: length fits in the array
+    const unsigned end = reader.position() + length;
     List list;
     while (reader.position() < end)
         list.push_back(readElement(reader));
@@ -152,7 +162,8 @@ Container readElements(BundleReaderCore &reader)
 {
     using E = typename Container::value_type;
     const quint32 count = reader.read<quint32>() / quint32(sizeof(E));
-    const char *bytes = readChecked(reader, count * quint32(sizeof(E))); // before allocating
+    // Bound-checked by the read before the container allocates anything.
+    const char *bytes = reader.read(count * quint32(sizeof(E)));
     Container elements;
     elements.resize(typename Container::size_type(count));
     if (count)
@@ -182,7 +193,7 @@ void readGrid(BundleReaderCore &reader, Kestrel::MemGrid8u &grid)
         throw std::out_of_range("AttributeGrid deserialize # not enough data");
     // All L - 4 bytes are stepped over, so the cursor ends where a reader that only skips the
     // value would leave it, also when L - 4 isn't a multiple of the width.
-    const char *cells = readChecked(reader, cellBytes);
+    const char *cells = reader.read(cellBytes);
     grid.resize(width, width == 0 ? 0 : cellBytes / width);
     if (grid.cellCount())
         std::memcpy(grid.data(), cells, grid.cellCount());

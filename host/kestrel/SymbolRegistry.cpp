@@ -1,5 +1,6 @@
 #include "kestrel/SymbolRegistry.h"
 
+#include "kestrel/ReadWriteLocker.h"
 #include "kestrel/Trace.h"
 
 namespace Kestrel {
@@ -10,7 +11,7 @@ void SymbolRegistry::define(const QByteArray &name, const QByteArray &second, un
         Trace::warning("SymbolRegistry::define # Refusing symbol 0 for '%s'", name.constData());
         return;
     }
-    QWriteLocker locker(&m_lock);
+    WriteLocker locker(&m_lock);
     defineUnlocked(name, second, symbol);
 }
 
@@ -30,7 +31,7 @@ void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &se
 
 unsigned SymbolRegistry::lookupOrDefineImpl(const QByteArray &name, const QByteArray &second)
 {
-    QWriteLocker locker(&m_lock);
+    WriteLocker locker(&m_lock);
     // Another thread may have defined the name between the caller's read-locked miss and now.
     auto it = m_byName.find(name);
     if (it != m_byName.end())
@@ -51,26 +52,26 @@ unsigned SymbolRegistry::lookupOrDefine(const QByteArray &name)
 
 unsigned SymbolRegistry::lookup(const QByteArray &name) const
 {
-    QReadLocker locker(&m_lock);
+    ReadLocker locker(&m_lock);
     return lookupUnlocked(name);
 }
 
 QByteArray SymbolRegistry::name(unsigned symbol) const
 {
-    QReadLocker locker(&m_lock);
+    ReadLocker locker(&m_lock);
     return nameUnlocked(symbol);
 }
 
 QByteArray SymbolRegistry::second(unsigned symbol) const
 {
-    QReadLocker locker(&m_lock);
+    ReadLocker locker(&m_lock);
     auto it = m_bySymbol.find(symbol);
     return it == m_bySymbol.end() ? QByteArray() : it->second.second;
 }
 
 std::size_t SymbolRegistry::count() const
 {
-    QReadLocker locker(&m_lock);
+    ReadLocker locker(&m_lock);
     return m_byName.size();
 }
 

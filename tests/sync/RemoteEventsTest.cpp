@@ -345,11 +345,16 @@ TEST_F(RemoteEventsTest, BeginWithoutAPositiveSliceSizeIsDropped)
 TEST_F(RemoteEventsTest, ThreadsSlicingAtOnceGetDistinctIds)
 {
     constexpr int kPerThread = 200;
-    auto work = [this] {
+    RemoteNode plain(nullptr, "plain"); // RecordingNode's own record is not thread safe
+    plain.addEventListener([this, &plain](const RemoteNode::Event &event) {
+        std::lock_guard<std::mutex> lock(mutex);
+        sent.push_back(Sent{plain.symbols().name(event.symbol), event.data});
+    });
+    auto work = [&plain] {
         QByteArray payload("abcdef");
         for (int i = 0; i < kPerThread; ++i) {
             BinaryData raw = rawOf(payload);
-            node.eventProcessSlice("t", raw, 4);
+            plain.eventProcessSlice("t", raw, 4);
         }
     };
     std::thread a(work);

@@ -23,8 +23,8 @@ class Bundle;
 class Core;
 class RemoteNode;
 
-// Where a core's bundles go. Called on the frame thread once per update pass, also with an
-// empty batch; the vector is not kept by the core after the call.
+// Where a core's bundles go. Called on the frame thread with every batch the core collects,
+// empty ones included; the core keeps nothing of the batch after the call.
 class LOOMY_EXPORT Connection
 {
 public:
@@ -74,6 +74,7 @@ public:
     void addTask(const std::function<void(Core &)> &task);
     // Any thread; takes effect at the next pass, in order with scheduled batches.
     void setEnabled(bool enabled);
+    // Any thread; initialises the core at the next pass, where the session state is dumped.
     void debugDump();
 
     void ensureIsInitialized();

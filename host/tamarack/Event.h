@@ -70,7 +70,7 @@ public:
         return removed;
     }
 
-    void emit(T value)
+    void raise(T value)
     {
         State *s = m_state.load(std::memory_order_acquire);
         if (!s)

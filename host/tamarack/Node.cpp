@@ -167,7 +167,7 @@ bool Node::addAttribute(const QByteArray &name, Attribute *attribute)
         m_d->children.push_back(D::Child{name, attribute});
     }
     attributeAdded(attribute);
-    eventAttributeAdded.emit(attribute);
+    eventAttributeAdded.raise(attribute);
     return true;
 }
 
@@ -189,7 +189,7 @@ bool Node::removeAttribute(Attribute *attribute)
         m_d->compact();
     }
     attributeRemoved(attribute);
-    eventAttributeRemoved.emit(attribute);
+    eventAttributeRemoved.raise(attribute);
     return true;
 }
 

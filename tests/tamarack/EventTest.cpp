@@ -27,9 +27,9 @@ TEST(Event, ListenerAddedDuringAnEmissionRunsFromTheNextOne)
             event.addListener(ref.weak(), [&](int w) { calls.push_back(100 + w); });
         }
     });
-    event.emit(1);
+    event.raise(1);
     EXPECT_EQ(calls, std::vector<int>({1}));
-    event.emit(2);
+    event.raise(2);
     EXPECT_EQ(calls, std::vector<int>({1, 2, 102}));
 }
 
@@ -42,11 +42,11 @@ TEST(Event, NestedEmissionsDoNotCallListenersAddedInside)
         calls.push_back(v);
         if (v == 1) {
             event.addListener(ref.weak(), [&](int w) { calls.push_back(100 + w); });
-            event.emit(2); // inner emission: the new listener waits for the outer one to end
+            event.raise(2); // inner emission: the new listener waits for the outer one to end
         }
     });
-    event.emit(1);
-    event.emit(3);
+    event.raise(1);
+    event.raise(3);
     EXPECT_EQ(calls, std::vector<int>({1, 2, 3, 103}));
 }
 
@@ -63,9 +63,9 @@ TEST(Event, RemoveListenersDuringAnEmissionSkipsTheRestAndCounts)
     event.addListener(b.weak(), [&](int) { calls.push_back("b1"); });
     event.addListener(a.weak(), [&](int) { calls.push_back("a2"); });
     event.addListener(b.weak(), [&](int) { calls.push_back("b2"); });
-    event.emit(0);
+    event.raise(0);
     EXPECT_EQ(removed, 2);
-    event.emit(0);
+    event.raise(0);
     EXPECT_EQ(calls, std::vector<std::string>({"a1", "a2", "a1", "a2"}));
     EXPECT_EQ(removed, 0); // the second run found none left
 }
@@ -79,9 +79,9 @@ TEST(Event, RemoveListenersAlsoDropsOnesAddedDuringTheEmission)
         event.addListener(b.weak(), [&](int) { ++bCalls; });
         EXPECT_EQ(event.removeListeners(b.weak()), 1);
     });
-    event.emit(0);
+    event.raise(0);
     EXPECT_EQ(event.removeListeners(a.weak()), 1);
-    event.emit(0);
+    event.raise(0);
     EXPECT_EQ(bCalls, 0);
 }
 
@@ -104,10 +104,10 @@ TEST(Event, ExpiredReceiversAreNotCalled)
     auto receiver = std::make_unique<Reference>();
     event.addListener(receiver->weak(), [&](int) { ++calls; });
     event.addListener(std::weak_ptr<void>(), [&](int) { ++calls; }); // empty counts as expired
-    event.emit(0);
+    event.raise(0);
     EXPECT_EQ(calls, 1);
     receiver.reset();
-    event.emit(0);
+    event.raise(0);
     EXPECT_EQ(calls, 1);
 }
 
@@ -150,8 +150,8 @@ TEST(EventConcurrency, EmissionsAndRegistrationsFromThreeThreads)
     });
     start = true;
     adder.join();
-    std::thread e1([&] { for (int i = 0; i < rounds; ++i) event.emit(i); });
-    std::thread e2([&] { for (int i = 0; i < rounds; ++i) event.emit(i); });
+    std::thread e1([&] { for (int i = 0; i < rounds; ++i) event.raise(i); });
+    std::thread e2([&] { for (int i = 0; i < rounds; ++i) event.raise(i); });
     e1.join();
     e2.join();
     done = true;

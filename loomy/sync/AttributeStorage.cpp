@@ -1,10 +1,9 @@
 #include "loomy/sync/AttributeStorage.h"
 
-// Ahead of the bundle headers: <QtEndian> defines Qt's `emit` keyword, which Tamarack's event
-// class uses as a member name.
-#include "loomy/sync/RemoteNode.h"
 #include "loomy/bundle/BundleReader.h"
+#include "loomy/sync/RemoteNode.h"
 
+#include "kestrel/ReadWriteLocker.h"
 #include "kestrel/SymbolRegistry.h"
 #include "kestrel/Trace.h"
 #include "tamarack/Attribute.h"
@@ -66,7 +65,7 @@ AttributeStorage::~AttributeStorage()
 
 LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
 {
-    QWriteLocker locker(&m_lock);
+    Kestrel::WriteLocker locker(&m_lock);
     // Kept if present: its pointer is overwritten below, so an earlier record of the same name is
     // reachable by its symbols only.
     auto named = m_byName.emplace(name, nullptr).first;
@@ -74,7 +73,7 @@ LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
     Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
     unsigned int symbol;
     {
-        QReadLocker symbolLocker(&symbols.lock());
+        Kestrel::ReadLocker symbolLocker(&symbols.lock());
         symbol = symbols.lookupUnlocked(name);
     }
     if (symbol == 0)
@@ -89,7 +88,7 @@ LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
 
 void AttributeStorage::indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute)
 {
-    QWriteLocker locker(&m_lock);
+    Kestrel::WriteLocker locker(&m_lock);
     auto result = m_byReadSymbol.emplace(symbol, attribute);
     if (!result.second && result.first->second != attribute) {
         locker.unlock();
@@ -99,21 +98,21 @@ void AttributeStorage::indexByReadSymbol(unsigned int symbol, LoomySessionAttrib
 
 LoomySessionAttribute *AttributeStorage::findByReadSymbol(unsigned int symbol) const
 {
-    QReadLocker locker(&m_lock);
+    Kestrel::ReadLocker locker(&m_lock);
     auto it = m_byReadSymbol.find(symbol);
     return it == m_byReadSymbol.end() ? nullptr : it->second;
 }
 
 LoomySessionAttribute *AttributeStorage::findByWriteSymbol(unsigned int symbol) const
 {
-    QReadLocker locker(&m_lock);
+    Kestrel::ReadLocker locker(&m_lock);
     auto it = m_byWriteSymbol.find(symbol);
     return it == m_byWriteSymbol.end() ? nullptr : it->second;
 }
 
 LoomySessionAttribute *AttributeStorage::findByName(const QByteArray &name) const
 {
-    QReadLocker locker(&m_lock);
+    Kestrel::ReadLocker locker(&m_lock);
     auto it = m_byName.find(name);
     return it == m_byName.end() ? nullptr : it->second;
 }

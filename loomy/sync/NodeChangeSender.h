@@ -1,7 +1,4 @@
 #pragma once
-// Ahead of the bundle headers: <QtEndian> defines Qt's `emit` keyword, which Tamarack's event
-// class (reached through RemoteNode.h) uses as a member name.
-#include "loomy/sync/RemoteNode.h"
 #include "loomy/bundle/BundleSender.h"
 #include "loomy/loomy_export.h"
 #include "loomy/sync/NodeWatcher.h"
@@ -27,6 +24,7 @@ namespace Loomy {
 class AttributeStorage;
 class BundleDispatcher;
 class BundleOutput;
+class RemoteNode;
 class TypeRegistry;
 
 // Threads: the tree's change and event listeners run on whichever thread changes the tree or

@@ -34,8 +34,6 @@ AliasDeserializer::~AliasDeserializer()
 // Runs on the thread that changed the alias, with no lock held.
 void AliasDeserializer::aliasChanged()
 {
-    if (!alias)
-        return;
     Tamarack::Attribute *target = followAliases(alias);
     if (!target)
         return; // still nothing to write into: keep listening, keep the value

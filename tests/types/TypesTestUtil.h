@@ -1,4 +1,6 @@
 #pragma once
+#include "bundle/BundleTestUtil.h"
+
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/bundle/BundleWriter.h"
 #include "loomy/types/TypeRegistry.h"
@@ -13,36 +15,6 @@
 #include <ostream>
 #include <stdexcept>
 #include <string>
-
-// Bytes as spaced hex, so that a failed comparison shows where two wire images differ.
-inline std::string hex(const QByteArray &bytes)
-{
-    return bytes.toHex(' ').toStdString();
-}
-
-// The reverse; spaces in `text` are only for reading.
-inline QByteArray unhex(const char *text)
-{
-    return QByteArray::fromHex(text);
-}
-
-// What `f` threw, as "kind: text", so that type and text are checked in one comparison.
-template <typename F>
-std::string thrown(F &&f)
-{
-    try {
-        f();
-    } catch (const std::invalid_argument &e) {
-        return std::string("invalid_argument: ") + e.what();
-    } catch (const std::out_of_range &e) {
-        return std::string("out_of_range: ") + e.what();
-    } catch (const std::exception &e) {
-        return std::string("other: ") + e.what();
-    }
-    return "nothing thrown";
-}
-
-inline const std::string s_readPastEnd = "out_of_range: BundleReader::read # tried to read past the end";
 
 // The value of `attribute` as the registry writes it, and the type id and size it reports.
 inline QByteArray serialize(const Loomy::TypeRegistry &registry, Tamarack::Attribute *attribute,
@@ -94,8 +66,3 @@ auto operator<<(std::ostream &os, const Case &row) -> decltype(std::string(row.n
     return os << row.name;
 }
 } // namespace
-
-inline void PrintTo(const QString &text, std::ostream *os)
-{
-    *os << '"' << text.toStdString() << '"';
-}

@@ -31,6 +31,21 @@ using Tamarack::Node;
 
 const char *const s_emptyName = "NodeWatcher # Found an attribute with an empty name. This should never happen";
 
+// Calls fn(child, its path) for each child of node in stored order. Paths are built from the
+// children's own names, as the added and removed listeners build them.
+template <typename Fn>
+void forEachChild(Node &node, const QByteArray &path, Fn fn)
+{
+    for (const auto &entry : node.attributes()) {
+        Attribute *child = entry.second;
+        if (!child)
+            continue;
+        if (child->name().isEmpty())
+            Kestrel::Trace::error("%s", s_emptyName);
+        fn(*child, kidPath(path, child->name()));
+    }
+}
+
 // An addition announced by the tree and not yet classified. Whoever sets `handled` first (update()
 // or the attribute's first change) processes it. The temporary change listener lives exactly as
 // long as the record.
@@ -301,15 +316,9 @@ void NodeWatcher::D::nodeAdded(Node &node, const QByteArray &path, unsigned int 
     setupNodeListeners(node, path);
     if (notify)
         event(NODE_ADDED, symbol);
-    for (const auto &entry : node.attributes()) {
-        Attribute *child = entry.second;
-        if (!child)
-            continue;
-        if (child->name().isEmpty())
-            Kestrel::Trace::error("%s", s_emptyName);
-        const QByteArray childPath = kidPath(path, child->name());
-        somethingAdded(*child, childPath, ensureCached(child, childPath), notify);
-    }
+    forEachChild(node, path, [&](Attribute &child, const QByteArray &childPath) {
+        somethingAdded(child, childPath, ensureCached(&child, childPath), notify);
+    });
 }
 
 // The cache keeps the alias at its symbol; the target is reported at the alias's path. Only the
@@ -413,15 +422,9 @@ void NodeWatcher::D::attributeRemoved(unsigned int symbol, bool notify)
 // Children first, then the node.
 void NodeWatcher::D::nodeRemoved(Node &node, const QByteArray &path, unsigned int symbol, bool notify)
 {
-    for (const auto &entry : node.attributes()) {
-        Attribute *child = entry.second;
-        if (!child)
-            continue;
-        if (child->name().isEmpty())
-            Kestrel::Trace::error("%s", s_emptyName);
-        const QByteArray childPath = kidPath(path, child->name());
-        somethingRemoved(*child, childPath, symbols.lookup(childPath), notify);
-    }
+    forEachChild(node, path, [&](Attribute &child, const QByteArray &childPath) {
+        somethingRemoved(child, childPath, symbols.lookup(childPath), notify);
+    });
     if (notify)
         event(NODE_REMOVED, symbol);
 }

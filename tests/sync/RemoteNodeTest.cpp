@@ -274,10 +274,4 @@ TEST_F(RemoteNodeTest, DestroyedIsRaisedWhileTheTreeAndTablesAreIntact)
     EXPECT_TRUE(app.attributes().isEmpty());
 }
 
-TEST_F(RemoteNodeTest, DeclaresItsOutgoingEvents)
-{
-    EXPECT_TRUE(node.eventsOut().contains("initialized"));
-    EXPECT_TRUE(node.eventsOut().contains("destroyed"));
-}
-
 } // namespace

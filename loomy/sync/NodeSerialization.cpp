@@ -1,6 +1,7 @@
 #include "loomy/sync/NodeSerialization.h"
 
-#include "tamarack/AttributeAlias.h"
+#include "loomy/types/AliasDeserializer.h"
+
 #include "tamarack/Node.h"
 
 namespace Loomy {
@@ -13,13 +14,6 @@ QByteArray kidPath(const QByteArray &parent, const QByteArray &name)
     path.reserve(parent.size() + 1 + name.size());
     path.append(parent).append('/').append(name);
     return path;
-}
-
-Tamarack::Attribute *followAliases(Tamarack::Attribute *attribute)
-{
-    while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(attribute))
-        attribute = alias->attribute();
-    return attribute;
 }
 
 void walkAttributes(Tamarack::Node &node, const std::function<void(Tamarack::Attribute &)> &fn,

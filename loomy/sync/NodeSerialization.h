@@ -35,8 +35,4 @@ LOOMY_EXPORT void walkAttributesWithPath(Tamarack::Node &node,
 LOOMY_EXPORT void walkWithPathWorker(Tamarack::Node &node, const QByteArray &path,
                                      const std::function<void(Tamarack::Attribute &, const QByteArray &)> &fn);
 
-// The end of an alias chain starting at attribute (attribute itself when it is no alias); null if
-// the chain ends in null.
-LOOMY_EXPORT Tamarack::Attribute *followAliases(Tamarack::Attribute *attribute);
-
 } // namespace Loomy

@@ -2,6 +2,7 @@
 
 #include "loomy/sync/AttributeCache.h"
 #include "loomy/sync/NodeSerialization.h"
+#include "loomy/types/AliasDeserializer.h"
 
 #include "kestrel/Mutex.h"
 #include "kestrel/SymbolRegistry.h"

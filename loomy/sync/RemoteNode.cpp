@@ -1,6 +1,7 @@
 #include "loomy/sync/RemoteNode.h"
 
 #include "loomy/sync/NodeSerialization.h"
+#include "loomy/types/AliasDeserializer.h"
 
 #include "kestrel/Trace.h"
 #include "tamarack/AttributeAlias.h"

@@ -99,17 +99,4 @@ TEST_F(Walkers, SkipIsNotHandedDown)
               (QStringList{"a", "x", "z", "x", "x", "x", "z"}));
 }
 
-TEST(FollowAliases, EndsAtTheFinalTargetOrNull)
-{
-    IntAttr target;
-    AttributeAlias first(nullptr, "first", &target);
-    AttributeAlias second(nullptr, "second", &first);
-    AttributeAlias dangling(nullptr, "dangling", nullptr);
-    AttributeAlias toDangling(nullptr, "toDangling", &dangling);
-    EXPECT_EQ(Loomy::followAliases(&second), &target);
-    EXPECT_EQ(Loomy::followAliases(&target), &target);
-    EXPECT_EQ(Loomy::followAliases(&toDangling), nullptr);
-    EXPECT_EQ(Loomy::followAliases(nullptr), nullptr);
-}
-
 } // namespace

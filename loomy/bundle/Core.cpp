@@ -3,10 +3,18 @@
 // Ahead of the bundle headers: <QtEndian> defines Qt's `emit` keyword, which Tamarack's event
 // class uses as a member name.
 #include "loomy/sync/RemoteNode.h"
+#include "loomy/sync/NodeChangeSender.h"
 #include "loomy/bundle/BundleController.h"
 #include "loomy/bundle/BundleDispatcher.h"
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/bundle/SymbolRegistryHandler.h"
+#include "loomy/sync/AttributeRemoveReceiver.h"
+#include "loomy/sync/AttributeStorage.h"
+#include "loomy/sync/AttributeUpdateReceiver.h"
+#include "loomy/sync/NewAttributeReceiver.h"
+#include "loomy/sync/OneWayEventReceiver.h"
+#include "loomy/types/TypeRegistry.h"
+#include "kestrel/BinaryData.h"
 #include "kestrel/Mutex.h"
 #include "kestrel/SymbolRegistry.h"
 #include "kestrel/Trace.h"
@@ -31,9 +39,15 @@ public:
     RemoteNode *node;                                    // not owned
     BundleDispatcher dispatcher;
     Kestrel::SymbolRegistry symbolRegistryRecv;          // the peer's numbers
-    // The type registry, the attribute storage, the node change sender and the receivers of new,
-    // updated and removed attributes and of events take their places here, in that order, when
-    // those modules are added to the session.
+    TypeRegistry types;
+    // Made by initialisation. The dispatcher's lists hold the sender and the receivers as well,
+    // so these go before them; the storage and the type registry, which they refer to, too.
+    std::shared_ptr<AttributeStorage> storage;
+    std::shared_ptr<NodeChangeSender> sender;
+    std::shared_ptr<NewAttributeReceiver> newAttributeReceiver;
+    std::shared_ptr<AttributeUpdateReceiver> attributeUpdateReceiver;
+    std::shared_ptr<AttributeRemoveReceiver> attributeRemoveReceiver;
+    std::shared_ptr<OneWayEventReceiver> oneWayEventReceiver;
     std::shared_ptr<Connection> connection;              // set by initialisation, never changed
 
     std::atomic<bool> enabled{false};                    // written on the frame thread only
@@ -62,16 +76,39 @@ void Core::ensureIsInitialized()
     if (!m_d->parameters)
         return;
     const BundleControllerParams &params = *m_d->parameters;
+    RemoteNode &node = *m_d->node;
+    m_d->storage = std::make_shared<AttributeStorage>(node);
     m_d->enabled.store(params.enabled);
     m_d->dispatcher.preloadReceiver(std::make_shared<SymbolRegistryReceiver>(m_d->symbolRegistryRecv));
-    // The node change sender registers here, which announces its message types, followed by the
-    // receivers of removed, new and updated attributes and of events.
+    // Registering announces the sender's message types: "load-module" records for the peer.
+    m_d->sender = std::make_shared<NodeChangeSender>(node, *m_d->storage, m_d->types);
+    m_d->dispatcher.registerSender(m_d->sender);
+    m_d->attributeRemoveReceiver = std::make_shared<AttributeRemoveReceiver>(node, *m_d->storage, *m_d->sender);
+    m_d->dispatcher.preloadReceiver(m_d->attributeRemoveReceiver);
+    m_d->newAttributeReceiver = std::make_shared<NewAttributeReceiver>(node, *m_d->storage, m_d->symbolRegistryRecv,
+                                                                       m_d->types, *m_d->sender);
+    m_d->dispatcher.preloadReceiver(m_d->newAttributeReceiver);
+    m_d->attributeUpdateReceiver = std::make_shared<AttributeUpdateReceiver>(*m_d->storage, *m_d->sender);
+    m_d->dispatcher.preloadReceiver(m_d->attributeUpdateReceiver);
+    m_d->oneWayEventReceiver = std::make_shared<OneWayEventReceiver>(m_d->symbolRegistryRecv);
+    m_d->dispatcher.preloadReceiver(m_d->oneWayEventReceiver);
     m_d->connection = params.connection;
-    // The receivers take dropStaleChanges, the event handler and createMissingAttributes here.
+    m_d->newAttributeReceiver->m_dropStaleChanges = params.dropStaleChanges;
+    m_d->attributeUpdateReceiver->m_dropStaleChanges = params.dropStaleChanges;
+    if (params.eventHandler) {
+        m_d->oneWayEventReceiver->m_handler = params.eventHandler;
+    } else {
+        // The node outlives the core: a global core goes at the node's "destroyed" event.
+        RemoteNode *target = &node;
+        m_d->oneWayEventReceiver->m_handler = [target](const QByteArray &name, Kestrel::BinaryData &data) {
+            target->handleRemoteEvent(name, data, 0);
+        };
+    }
+    m_d->newAttributeReceiver->setCreateMissingAttributes(params.createMissingAttributes);
     m_d->parameters.reset();
     // From here on this function is a no-op, also for a listener that the update calls back into.
-    m_d->node->update();
-    // The sender queues the present state of the tree here.
+    node.update();
+    m_d->sender->sendInitialValues();
 }
 
 void Core::runPendingTasks()

@@ -1,12 +1,9 @@
-// Tamarack first: <QtEndian>, which the bundle headers include, defines Qt's `emit` keyword, and
-// Tamarack's event class has a member of that name.
-#include "loomy/sync/RemoteNode.h"
-
 #include "loomy/sync/AttributeRemoveReceiver.h"
 
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/sync/AttributeStorage.h"
 #include "loomy/sync/NodeChangeSender.h"
+#include "loomy/sync/RemoteNode.h"
 #include "kestrel/Trace.h"
 
 namespace Loomy {

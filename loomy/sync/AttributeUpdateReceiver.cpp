@@ -1,11 +1,8 @@
-// Tamarack first (the sender's header brings it in): <QtEndian>, which the bundle headers
-// include, defines Qt's `emit` keyword, and Tamarack's event class has a member of that name.
-#include "loomy/sync/NodeChangeSender.h"
-
 #include "loomy/sync/AttributeUpdateReceiver.h"
 
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/sync/AttributeStorage.h"
+#include "loomy/sync/NodeChangeSender.h"
 #include "kestrel/Trace.h"
 
 namespace Loomy {

@@ -1,17 +1,14 @@
-// Tamarack first: <QtEndian>, which the bundle headers include, defines Qt's `emit` keyword, and
-// Tamarack's event class has a member of that name.
-#include "loomy/sync/RemoteNode.h"
-#include "tamarack/AttributeAlias.h"
-#include "tamarack/Node.h"
-
 #include "loomy/sync/NewAttributeReceiver.h"
 
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/sync/AttributeStorage.h"
 #include "loomy/sync/NodeChangeSender.h"
+#include "loomy/sync/RemoteNode.h"
 #include "loomy/types/TypeRegistry.h"
 #include "kestrel/SymbolRegistry.h"
 #include "kestrel/Trace.h"
+#include "tamarack/AttributeAlias.h"
+#include "tamarack/Node.h"
 
 namespace Loomy {
 

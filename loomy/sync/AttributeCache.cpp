@@ -1,12 +1,13 @@
 #include "loomy/sync/AttributeCache.h"
 
+#include "kestrel/ReadWriteLocker.h"
 #include "kestrel/Trace.h"
 
 namespace Loomy {
 
 bool AttributeCache::add(unsigned int symbol, Tamarack::Attribute *attribute)
 {
-    QWriteLocker locker(&m_lock);
+    Kestrel::WriteLocker locker(&m_lock);
     auto it = m_attributes.find(symbol);
     if (it != m_attributes.end()) {
         if (it->second == attribute)
@@ -24,20 +25,20 @@ bool AttributeCache::add(unsigned int symbol, Tamarack::Attribute *attribute)
 
 Tamarack::Attribute *AttributeCache::find(unsigned int symbol) const
 {
-    QReadLocker locker(&m_lock);
+    Kestrel::ReadLocker locker(&m_lock);
     auto it = m_attributes.find(symbol);
     return it == m_attributes.end() ? nullptr : it->second;
 }
 
 bool AttributeCache::isNode(unsigned int symbol) const
 {
-    QReadLocker locker(&m_lock);
+    Kestrel::ReadLocker locker(&m_lock);
     return m_nodes.count(symbol) != 0;
 }
 
 void AttributeCache::setIsNode(unsigned int symbol, bool isNode)
 {
-    QWriteLocker locker(&m_lock);
+    Kestrel::WriteLocker locker(&m_lock);
     if (isNode)
         m_nodes.insert(symbol);
     else
@@ -46,7 +47,7 @@ void AttributeCache::setIsNode(unsigned int symbol, bool isNode)
 
 bool AttributeCache::remove(unsigned int symbol)
 {
-    QWriteLocker locker(&m_lock);
+    Kestrel::WriteLocker locker(&m_lock);
     auto it = m_attributes.find(symbol);
     if (it == m_attributes.end()) {
         locker.unlock();

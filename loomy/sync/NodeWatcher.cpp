@@ -5,6 +5,7 @@
 #include "loomy/types/AliasDeserializer.h"
 
 #include "kestrel/Mutex.h"
+#include "kestrel/ReadWriteLocker.h"
 #include "kestrel/SymbolRegistry.h"
 #include "kestrel/Trace.h"
 #include "tamarack/AttributeAlias.h"
@@ -442,7 +443,7 @@ void NodeWatcher::D::event(EventType type, unsigned int symbol)
     }
     std::map<long, std::function<void(const Event &)>> copy;
     {
-        QReadLocker locker(&listenersLock);
+        Kestrel::ReadLocker locker(&listenersLock);
         copy = listeners;
     }
     for (const auto &listener : copy)
@@ -495,7 +496,7 @@ void NodeWatcher::update()
 
 long NodeWatcher::addListener(const std::function<void(const Event &)> &listener)
 {
-    QWriteLocker locker(&m_d->listenersLock);
+    Kestrel::WriteLocker locker(&m_d->listenersLock);
     const long id = m_d->nextListenerId++;
     m_d->listeners.emplace(id, listener);
     return id;
@@ -503,7 +504,7 @@ long NodeWatcher::addListener(const std::function<void(const Event &)> &listener
 
 void NodeWatcher::removeListener(long id)
 {
-    QWriteLocker locker(&m_d->listenersLock);
+    Kestrel::WriteLocker locker(&m_d->listenersLock);
     m_d->listeners.erase(id);
 }
 

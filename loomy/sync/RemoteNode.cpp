@@ -3,6 +3,7 @@
 #include "loomy/sync/NodeSerialization.h"
 #include "loomy/types/AliasDeserializer.h"
 
+#include "kestrel/ReadWriteLocker.h"
 #include "kestrel/Trace.h"
 #include "tamarack/AttributeAlias.h"
 
@@ -140,7 +141,7 @@ void RemoteNode::removeAttributeChangeListener(long id)
 
 long RemoteNode::addEventListener(const std::function<void(const Event &)> &listener)
 {
-    QWriteLocker locker(&m_eventListenersLock);
+    Kestrel::WriteLocker locker(&m_eventListenersLock);
     const long id = m_nextEventListenerId++;
     m_eventListeners.emplace(id, listener);
     return id;
@@ -148,7 +149,7 @@ long RemoteNode::addEventListener(const std::function<void(const Event &)> &list
 
 void RemoteNode::removeEventLIstener(long id)
 {
-    QWriteLocker locker(&m_eventListenersLock);
+    Kestrel::WriteLocker locker(&m_eventListenersLock);
     m_eventListeners.erase(id);
 }
 
@@ -344,7 +345,7 @@ void RemoteNode::insertEvent(const QByteArray &name, Kestrel::BinaryData &data)
     event.data.rewind();
     std::map<long, std::function<void(const Event &)>> listeners;
     {
-        QReadLocker locker(&m_eventListenersLock);
+        Kestrel::ReadLocker locker(&m_eventListenersLock);
         listeners = m_eventListeners;
     }
     // No connection, no listener: the event is lost.

@@ -157,20 +157,6 @@ TEST_P(DummyDeserializer, StepsOverOneValue)
 INSTANTIATE_TEST_SUITE_P(Skips, DummyDeserializer, ::testing::ValuesIn(s_skips),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// The closure keeps its size: one made for 8 bytes is not changed by another made later.
-TEST(DummyDeserializerCapture, EachClosureKeepsItsOwnSize)
-{
-    auto eight = LoomySessionAttribute::createDummyDeserializer(8);
-    auto dynamic = LoomySessionAttribute::createDummyDeserializer(0);
-    const QByteArray wire = le(4) + QByteArray(12, 'x');
-    BundleReaderCore reader(wire);
-    eight(reader);
-    EXPECT_EQ(reader.position(), 8u);
-    reader.setPosition(0);
-    dynamic(reader);
-    EXPECT_EQ(reader.position(), 8u); // word 4, then 4 bytes
-}
-
 TEST_F(AttributeStorageTest, DebugDumpShowsSchemaEntriesAsProperties)
 {
     add("a", 1.5f);

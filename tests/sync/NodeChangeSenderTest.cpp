@@ -267,44 +267,54 @@ TEST_F(NodeChangeSenderTest, RunsFollowTheCompressedOrder)
     EXPECT_EQ(hex(bundles[3].data()), hex((Wire() << sym("z") << 4.0f).bundle(UPDATE, 8)));
 }
 
-// What NewAttributeReceiver does for an attribute the peer announced and this side lacked.
-TEST_F(NodeChangeSenderTest, AnswerToThePeersAnnouncementCarriesNoValue)
+// The value rule of an announcement. The record stands for what the receivers leave behind:
+// a path the peer announced (lastReceivedId set) and, unless it was here first, made for it.
+struct ValueRuleCase
 {
-    started();
-    LoomySessionAttribute *made = storage.create("peer");
-    made->localOrigin = false;
-    made->lastReceivedId = 3;
-    add<FloatAttr>("peer", 8.0f);
-    std::vector<Bundle> bundles = frame();
-    ASSERT_EQ(types(bundles), (std::vector<quint32>{SYMBOLS, NEW}));
-    EXPECT_EQ(hex(bundles[1].data()), hex((Wire() << sym("peer") << 3u << 4u << 0u).bundle(NEW, 5)));
+    const char *name;
+    bool localOrigin;
+    quint32 lastReceivedId;
+    bool changedLocally;     // a change behind the addition, in the same update
+    quint32 flags;
+};
+const ValueRuleCase s_valueRules[] = {
+    {"OwnAndUnheardGoesWithValue", true, 0, false, 1},
+    {"OwnButHeardGoesWithout", true, 2, false, 0},
+    {"MadeForThePeerIsAnsweredWithout", false, 3, false, 0},
+    {"MadeForThePeerAndChangedGoesWithValue", false, 3, true, 1},
+    {"OwnHeardAndChangedGoesWithValue", true, 2, true, 1},
+};
+void PrintTo(const ValueRuleCase &c, std::ostream *os)
+{
+    *os << c.name;
 }
 
-TEST_F(NodeChangeSenderTest, ChangeFoldedIntoItsAdditionCarriesTheValue)
+class ValueRule : public NodeChangeSenderTest, public ::testing::WithParamInterface<ValueRuleCase> {};
+
+TEST_P(ValueRule, DecidesTheFlagsOfTheAnnouncement)
 {
+    const ValueRuleCase &c = GetParam();
     started();
-    LoomySessionAttribute *made = storage.create("peer");
-    made->localOrigin = false;
-    made->lastReceivedId = 3;
-    auto *a = add<FloatAttr>("peer", 8.0f);
-    node.update();
-    a->setValue(9.5f);
+    LoomySessionAttribute *known = storage.create("v");
+    known->localOrigin = c.localOrigin;
+    known->lastReceivedId = c.lastReceivedId;
+    auto *v = add<FloatAttr>("v", 8.0f);
+    if (c.changedLocally) {
+        node.update();
+        v->setValue(9.5f);
+    }
     const std::vector<Bundle> bundles = frame();
     ASSERT_EQ(types(bundles), (std::vector<quint32>{SYMBOLS, NEW}));
-    EXPECT_EQ(hex(bundles[1].data()), hex((Wire() << sym("peer") << 3u << 4u << 1u << 9.5f).bundle(NEW, 5)));
+    Wire body;
+    body << sym("v") << 3u << 4u << c.flags;
+    if (c.flags)
+        body << (c.changedLocally ? 9.5f : 8.0f);
+    EXPECT_EQ(hex(bundles[1].data()), hex(body.bundle(NEW, 5)));
+    EXPECT_EQ(known->lastSentId, 5u);
 }
 
-// Own attribute, but the peer has already told us its value: no value in our announcement.
-TEST_F(NodeChangeSenderTest, OwnAttributeThePeerHasValuedGoesWithoutValue)
-{
-    started();
-    LoomySessionAttribute *known = storage.create("both");
-    known->lastReceivedId = 2;
-    add<FloatAttr>("both", 1.0f);
-    const std::vector<Bundle> bundles = frame();
-    ASSERT_EQ(types(bundles), (std::vector<quint32>{SYMBOLS, NEW}));
-    EXPECT_EQ(hex(bundles[1].data()), hex((Wire() << sym("both") << 3u << 4u << 0u).bundle(NEW, 5)));
-}
+INSTANTIATE_TEST_SUITE_P(Announcements, ValueRule, ::testing::ValuesIn(s_valueRules),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST_F(NodeChangeSenderTest, UnserializableAttributeLogsEachTimeWhileItsSymbolStillGoesOut)
 {
@@ -382,17 +392,6 @@ TEST_F(NodeChangeSenderTest, IgnoreOneTwiceLogsAndOneStopEndsIt)
     EXPECT_FALSE(sender->stopIgnoring(changed));
     f->setValue(2.0f);
     EXPECT_EQ(types(frame()), (std::vector<quint32>{UPDATE}));
-}
-
-// The set is keyed by type and symbol: ignoring a removal doesn't swallow a change.
-TEST_F(NodeChangeSenderTest, IgnoringOneKindLetsTheOtherThrough)
-{
-    auto *f = add<FloatAttr>("f", 1.0f);
-    started();
-    sender->ignoreOne({NodeWatcher::ATTRIBUTE_REMOVED, sym("f")});
-    f->setValue(2.0f);
-    EXPECT_EQ(types(frame()), (std::vector<quint32>{UPDATE}));
-    EXPECT_TRUE(sender->stopIgnoring({NodeWatcher::ATTRIBUTE_REMOVED, sym("f")}));
 }
 
 TEST_F(NodeChangeSenderTest, PathWithSyncFlagZeroGetsNoRecord)
@@ -496,16 +495,6 @@ TEST_F(NodeChangeSenderTest, RemovedByThePeerThenChangedLocallySendsNothing)
     EXPECT_TRUE(frame().empty());
     EXPECT_TRUE(record("f").resendValue); // the removal is still booked
     EXPECT_TRUE(trace.lines().isEmpty());
-}
-
-TEST_F(NodeChangeSenderTest, AddedAndRemovedWithinOneUpdateLeavesOnlyTheSymbol)
-{
-    started();
-    add<FloatAttr>("brief", 1.0f);
-    node.update();
-    delete node.attribute("brief");
-    EXPECT_TRUE(frame().empty()); // the compressor dropped both; no record, no symbol
-    EXPECT_NE(storage.findByName("brief"), nullptr);
 }
 
 TEST_F(NodeChangeSenderTest, EventsFollowTheChangesAndTheirSymbolsFollowTheChangeSymbols)

@@ -1,9 +1,5 @@
 #include "loomy/bundle/Core.h"
 
-// Ahead of the bundle headers: <QtEndian> defines Qt's `emit` keyword, which Tamarack's event
-// class uses as a member name.
-#include "loomy/sync/RemoteNode.h"
-#include "loomy/sync/NodeChangeSender.h"
 #include "loomy/bundle/BundleController.h"
 #include "loomy/bundle/BundleDispatcher.h"
 #include "loomy/bundle/BundleReader.h"
@@ -12,7 +8,9 @@
 #include "loomy/sync/AttributeStorage.h"
 #include "loomy/sync/AttributeUpdateReceiver.h"
 #include "loomy/sync/NewAttributeReceiver.h"
+#include "loomy/sync/NodeChangeSender.h"
 #include "loomy/sync/OneWayEventReceiver.h"
+#include "loomy/sync/RemoteNode.h"
 #include "loomy/types/TypeRegistry.h"
 #include "kestrel/BinaryData.h"
 #include "kestrel/Mutex.h"
@@ -40,8 +38,10 @@ public:
     BundleDispatcher dispatcher;
     Kestrel::SymbolRegistry symbolRegistryRecv;          // the peer's numbers
     TypeRegistry types;
-    // Made by initialisation. The dispatcher's lists hold the sender and the receivers as well,
-    // so these go before them; the storage and the type registry, which they refer to, too.
+    // Made by initialisation. The sender and the receivers live on in the dispatcher's lists, so
+    // they outlast the storage and the type registry they refer to: their destructors use
+    // neither. The sender's tree listeners go with it, so the tree must not change on another
+    // thread while a core is released.
     std::shared_ptr<AttributeStorage> storage;
     std::shared_ptr<NodeChangeSender> sender;
     std::shared_ptr<NewAttributeReceiver> newAttributeReceiver;

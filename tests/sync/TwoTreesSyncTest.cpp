@@ -418,6 +418,33 @@ TEST_F(TwoTreesSyncTest, EventsAndSlicedEventsArriveOnce)
     EXPECT_TRUE(problems().isEmpty()) << problems().join('\n').toStdString();
 }
 
+// --- the connection itself ---
+
+TEST_F(TwoTreesSyncTest, LocalConnectionCountsWhatCrossesAndDropsForAGoneReceiver)
+{
+    new FloatAttr(&left, "x", 1.f);
+    join();
+    settle();
+    unsigned long bytes = 0;
+    for (const Loomy::Bundle &bundle : toRight)
+        bytes += unsigned(bundle.size());
+    EXPECT_EQ(sessions.toSecond->bundlesSent(), toRight.size());
+    EXPECT_EQ(sessions.toSecond->bytesSent(), bytes);
+
+    // Idle passes hand over empty batches, which don't cross.
+    const unsigned long batches = sessions.toSecond->batchesSent();
+    frames(3);
+    EXPECT_EQ(sessions.toSecond->batchesSent(), batches);
+
+    // The receiving session is gone: the batch is counted and dropped.
+    sessions.second.reset();
+    frames(1);
+    static_cast<FloatAttr *>(at(left, "x"))->setValue(2.f);
+    frames(2);
+    EXPECT_EQ(sessions.toSecond->batchesSent(), batches + 1);
+    EXPECT_EQ(floatAt(right, "x"), 1.f);
+}
+
 // --- values that cross ---
 
 struct CrossCase

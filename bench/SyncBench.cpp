@@ -175,8 +175,10 @@ LinkedTrees *changeWorld()
         s_changeWorld = std::make_unique<LinkedTrees>();
         s_changeWorld->build(s_changeTreeSize);
         s_changeWorld->join();
-        if (s_changeWorld->syncInitialState() < 0 || !s_changeWorld->findCopies())
+        if (s_changeWorld->syncInitialState() < 0 || !s_changeWorld->findCopies()) {
+            s_changeWorld.reset();
             return nullptr;
+        }
         s_lastValue = float(s_groupSize);
     }
     return s_changeWorld.get();

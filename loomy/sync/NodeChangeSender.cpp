@@ -390,6 +390,17 @@ void NodeChangeSender::initialize(BundleDispatcher &dispatcher)
 
 void NodeChangeSender::sendInitialValues()
 {
+    // Attributes added to the tree before the session's first pass reach this sender twice: once
+    // from the watcher's queue, flushed by the node update that precedes this walk, and once from
+    // the walk. Announcing them twice would make the peer take its copy, made by the first
+    // announcement, for one of its own (and so never remove it), so the walk skips them.
+    std::unordered_set<unsigned int> queued;
+    {
+        Kestrel::MutexLocker locker(m_d->m_pendingMutex);
+        for (const Event &event : m_d->m_pendingChanges)
+            if (event.type == NodeWatcher::ATTRIBUTE_ADDED)
+                queued.insert(event.symbol);
+    }
     Kestrel::SymbolRegistry &symbols = m_d->m_node.symbols();
     walkAttributesWithPath(m_d->m_node, [&](Tamarack::Attribute &, const QByteArray &path) {
         unsigned int symbol;
@@ -397,7 +408,8 @@ void NodeChangeSender::sendInitialValues()
             Kestrel::ReadLocker locker(&symbols.lock());
             symbol = symbols.lookupUnlocked(path); // 0 if absent: never defined here
         }
-        m_d->onAttributeChange(Event{NodeWatcher::ATTRIBUTE_ADDED, symbol});
+        if (queued.count(symbol) == 0)
+            m_d->onAttributeChange(Event{NodeWatcher::ATTRIBUTE_ADDED, symbol});
     });
 }
 

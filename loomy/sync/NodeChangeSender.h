@@ -44,7 +44,8 @@ public:
     // Registers the four message types, in the order new, update, remove, event.
     void initialize(BundleDispatcher &dispatcher) override;
 
-    // Queues the whole present tree as additions. Called once, when the session is set up.
+    // Queues the whole present tree as additions, except attributes whose addition is queued
+    // already. Called once, when the session is set up.
     void sendInitialValues();
 
     // The echo guard for receivers: a change applied between ignoreOne(e) and stopIgnoring(e)

@@ -99,13 +99,14 @@ protected:
         EXPECT_TRUE(node.addDeepAttribute(path, attribute));
         return attribute;
     }
-    // What Core does when the session starts: the watcher's queue is flushed first, so that only
-    // sendInitialValues reports the present tree.
+    // What Core does when the session starts: the sender listens before the node's update flushes
+    // the watcher's queue, so attributes added before the start reach it from the queue and again
+    // from sendInitialValues' walk; each must still be announced once.
     void start()
     {
-        node.update();
         sender = std::make_shared<NodeChangeSender>(node, storage, registry);
         dispatcher.registerSender(sender);
+        node.update();
         sender->sendInitialValues();
     }
     // One frame: the node raises its queued additions, then the session collects. The handshake

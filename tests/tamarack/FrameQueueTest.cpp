@@ -1,87 +1,54 @@
-#include "tamarack/Node.h"
+#include "TamarackTestUtil.h"
 
 #include "common/TraceCapture.h"
 
-#include <gtest/gtest.h>
-
+#include <functional>
+#include <numeric>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
-using Tamarack::Node;
-
-namespace {
-
-// Each test starts and ends with an empty queue.
-class FrameQueue : public ::testing::Test
+// Two threads queue at once; each one's functions run once, in its order, on the updating thread.
+TEST(FrameQueue, FromAnyThreadRunsOnceInQueueOrderOnTheUpdatingThread)
 {
-protected:
-    void SetUp() override { Node::runHostUpdate(); }
-    void TearDown() override { Node::runHostUpdate(); }
-};
-
-} // namespace
-
-TEST_F(FrameQueue, RunsInQueueOrderOnTheUpdatingThread)
-{
-    std::vector<int> order;
+    constexpr int perThread = 500;
     const auto updater = std::this_thread::get_id();
+    Ints seen[2], expected(perThread);
     bool sameThread = true;
-    for (int i = 0; i < 5; ++i)
-        Node::invokeAfterUpdate([&, i] {
-            order.push_back(i);
-            sameThread = sameThread && std::this_thread::get_id() == updater;
-        });
-    EXPECT_TRUE(order.empty());
+    auto queue = [&](int t) {
+        for (int i = 0; i < perThread; ++i)
+            Node::invokeAfterUpdate([&, t, i] {
+                seen[t].push_back(i);
+                sameThread = sameThread && std::this_thread::get_id() == updater;
+            });
+    };
+    std::thread other(queue, 1);
+    queue(0);
+    other.join();
+    EXPECT_TRUE(seen[0].empty() && seen[1].empty());
     Node::runHostUpdate();
-    EXPECT_EQ(order, std::vector<int>({0, 1, 2, 3, 4}));
+    Node::runHostUpdate();
+    std::iota(expected.begin(), expected.end(), 0);
+    EXPECT_EQ(seen[0], expected);
+    EXPECT_EQ(seen[1], expected);
     EXPECT_TRUE(sameThread);
-    Node::runHostUpdate();
-    EXPECT_EQ(order.size(), 5u); // each runs once
 }
 
-TEST_F(FrameQueue, QueuedDuringAnUpdateWaitsForTheNext)
+TEST(FrameQueue, QueuedDuringAnUpdateWaitsForTheNext)
 {
-    std::vector<int> order;
-    // Re-arms itself like a per-frame loop.
-    std::function<void()> frame = [&] {
-        order.push_back(static_cast<int>(order.size()));
+    Ints order;
+    std::function<void()> frame = [&] { // re-arms itself like a per-frame loop
+        order.push_back(int(order.size()));
         if (order.size() < 3)
             Node::invokeAfterUpdate(frame);
     };
     Node::invokeAfterUpdate(frame);
     Node::runHostUpdate();
-    EXPECT_EQ(order, std::vector<int>({0}));
-    Node::runHostUpdate();
-    Node::runHostUpdate();
-    Node::runHostUpdate();
-    EXPECT_EQ(order, std::vector<int>({0, 1, 2}));
+    EXPECT_EQ(order, Ints({0}));
+    for (int i = 0; i < 3; ++i)
+        Node::runHostUpdate();
+    EXPECT_EQ(order, Ints({0, 1, 2}));
 }
 
-TEST_F(FrameQueue, FromOtherThreadsInTheirOwnOrder)
-{
-    constexpr int perThread = 500;
-    std::vector<int> fromA, fromB;
-    std::thread a([&] {
-        for (int i = 0; i < perThread; ++i)
-            Node::invokeAfterUpdate([&fromA, i] { fromA.push_back(i); });
-    });
-    std::thread b([&] {
-        for (int i = 0; i < perThread; ++i)
-            Node::invokeAfterUpdate([&fromB, i] { fromB.push_back(i); });
-    });
-    a.join();
-    b.join();
-    Node::runHostUpdate();
-    ASSERT_EQ(fromA.size(), size_t(perThread));
-    ASSERT_EQ(fromB.size(), size_t(perThread));
-    for (int i = 0; i < perThread; ++i) {
-        EXPECT_EQ(fromA[i], i);
-        EXPECT_EQ(fromB[i], i);
-    }
-}
-
-TEST_F(FrameQueue, AThrowingFunctionIsLoggedAndTheRestRun)
+TEST(FrameQueue, AThrowingFunctionIsLoggedAndTheRestRun)
 {
     TraceCapture trace;
     bool after = false;

@@ -1,54 +1,27 @@
-#include "tamarack/AttributeT.h"
-#include "tamarack/Node.h"
-#include "tamarack/Reference.h"
-
-#include "kestrel/BinaryData.h"
-
-#include <gtest/gtest.h>
+#include "TamarackTestUtil.h"
 
 #include <QStringList>
 
-#include <atomic>
-#include <thread>
-#include <vector>
-
-using Tamarack::Attribute;
-using Tamarack::Node;
-using IntAttr = Tamarack::AttributeT<int>;
-
 namespace {
 
-// Writes what a node's events and an attribute's DELETE_ROLE listeners see, in order.
-class Journal
+// What nodes' events and attributes' DELETE_ROLE listeners see, in order; a node shows its size.
+struct Journal
 {
-public:
+    static QString show(Attribute *a)
+    {
+        const Node *node = dynamic_cast<Node *>(a);
+        return a->name() + (node ? QStringLiteral(" node(%1 children)").arg(node->attributes().size()) : "");
+    }
     void watch(Node &node, const QString &label)
     {
-        node.eventAttributeAdded.addListener(m_ref.weak(), [this, label](Attribute *a) {
-            lines << label + " added " + a->name();
-        });
-        node.eventAttributeRemoved.addListener(m_ref.weak(), [this, label](Attribute *a) {
-            QString line = label + " removed " + a->name();
-            if (Node *asNode = dynamic_cast<Node *>(a))
-                line += QStringLiteral(" node(%1 children)").arg(asNode->attributes().size());
-            line += QStringLiteral(" host=%1").arg(a->host() ? "set" : "null");
-            lines << line;
+        node.eventAttributeAdded.addListener(ref.weak(), [=](Attribute *a) { lines << label + " added " + show(a); });
+        node.eventAttributeRemoved.addListener(ref.weak(), [=](Attribute *a) {
+            lines << label + " removed " + show(a) + (a->host() ? " host=set" : " host=null");
         });
     }
-    void watchDelete(Attribute &a)
-    {
-        Node *asNode = dynamic_cast<Node *>(&a);
-        a.addListener([this, &a, asNode] {
-            QString line = "delete " + a.name();
-            if (asNode)
-                line += QStringLiteral(" (%1 children)").arg(asNode->attributes().size());
-            lines << line;
-        }, Attribute::DELETE_ROLE);
-    }
+    void watchDelete(Attribute *a) { a->addListener([=] { lines << "delete " + show(a); }, Attribute::DELETE_ROLE); }
     QStringList lines;
-
-private:
-    Tamarack::Reference m_ref;
+    Tamarack::Reference ref;
 };
 
 } // namespace
@@ -56,23 +29,16 @@ private:
 TEST(NodeAddition, AddedEventRunsBeforeTheDerivedPartExists)
 {
     Node root;
-    std::vector<bool> wasInt;
-    QList<QByteArray> names;
-    long listener = 0;
-    Attribute *early = nullptr;
     Tamarack::Reference ref;
+    Attribute *seen = nullptr;
+    long listener = 0;
     root.eventAttributeAdded.addListener(ref.weak(), [&](Attribute *a) {
-        names << a->name();
-        wasInt.push_back(dynamic_cast<IntAttr *>(a) != nullptr);
-        early = a;
+        seen = dynamic_cast<IntAttr *>(a) ? nullptr : a;
         listener = a->addListener([] {}, Attribute::CHANGE_ROLE); // attaching is allowed
     });
     IntAttr *attr = new IntAttr(&root, "speed", 3);
-    EXPECT_EQ(names, QList<QByteArray>({"speed"}));
-    EXPECT_EQ(wasInt, std::vector<bool>({false}));
-    EXPECT_EQ(early, attr);
+    EXPECT_EQ(seen, attr); // and not yet an IntAttr then
     EXPECT_GT(listener, 0);
-    EXPECT_EQ(attr->host(), &root);
     EXPECT_EQ(root.attribute("speed"), attr);
 }
 
@@ -81,30 +47,39 @@ TEST(NodeAddition, RefusedAdditionsChangeNothing)
     Node root, other;
     IntAttr *taken = new IntAttr(&root, "x");
     IntAttr *hosted = new IntAttr(&other, "y");
-    IntAttr free1;
+    IntAttr free;
     Journal journal;
     journal.watch(root, "root");
-
-    EXPECT_FALSE(root.addAttribute("z", nullptr));
-    EXPECT_FALSE(root.addAttribute("x", &free1));     // name taken
-    EXPECT_FALSE(root.addAttribute("y", hosted));     // already has a host
-    EXPECT_FALSE(root.addAttribute("self", &root));
+    // No attribute, a taken name, an attribute with a host, the node itself.
+    const std::pair<const char *, Attribute *> refused[] = {{"z", nullptr}, {"x", &free}, {"y", hosted}, {"s", &root}};
+    for (const auto &r : refused)
+        EXPECT_FALSE(root.addAttribute(r.first, r.second)) << r.first;
     EXPECT_TRUE(journal.lines.isEmpty());
     EXPECT_EQ(root.attributes().size(), 1);
     EXPECT_EQ(root.attribute("x"), taken);
     EXPECT_EQ(hosted->host(), &other);
-    EXPECT_EQ(free1.host(), nullptr);
+    EXPECT_EQ(free.host(), nullptr);
 }
 
-TEST(NodeAddition, AddAttributeGivesTheNameAndRaisesTheEventBeforeReturning)
+TEST(NodeMembership, AddRemoveAndDeleteRaiseTheirEventsInOrder)
 {
-    Node root;
-    Journal journal;
+    Journal journal; // outlives the nodes, whose deletion still reaches it
+    Node root, other;
     journal.watch(root, "root");
+    journal.watch(other, "other");
     IntAttr *attr = new IntAttr;
-    ASSERT_TRUE(root.addAttribute("late", attr));
-    EXPECT_EQ(journal.lines, QStringList({"root added late"}));
-    EXPECT_EQ(attr->name(), QByteArray("late"));
+    journal.watchDelete(attr);
+    ASSERT_TRUE(root.addAttribute("x", attr));
+    EXPECT_EQ(attr->name(), QByteArray("x"));
+    EXPECT_EQ(journal.lines, QStringList({"root added x"})); // before addAttribute returned
+    EXPECT_TRUE(root.removeAttribute(attr));
+    EXPECT_FALSE(root.removeAttribute(attr));
+    EXPECT_EQ(root.attribute("x"), nullptr);
+    EXPECT_TRUE(other.addAttribute("x", attr)); // handed back alive, and free
+    delete attr; // leaves its host before its DELETE_ROLE listeners run
+    EXPECT_EQ(journal.lines, QStringList({"root added x", "root removed x host=null", "other added x",
+                                          "other removed x host=null", "delete x"}));
+    EXPECT_TRUE(other.attributes().isEmpty());
 }
 
 TEST(NodeChildren, StoredOrderSurvivesRemovalsAndLookupsStayExact)
@@ -116,7 +91,6 @@ TEST(NodeChildren, StoredOrderSurvivesRemovalsAndLookupsStayExact)
     for (int i = 0; i < 100; i += 2)
         delete attrs[i];
     new IntAttr(&root, "0", -1); // a freed name can be taken again, and goes last
-
     const auto list = root.attributes();
     ASSERT_EQ(list.size(), 51);
     for (int i = 0; i < 50; ++i) {
@@ -129,21 +103,7 @@ TEST(NodeChildren, StoredOrderSurvivesRemovalsAndLookupsStayExact)
     EXPECT_EQ(static_cast<IntAttr *>(root.attribute("0"))->value(), -1);
 }
 
-TEST(NodeRemoval, RemoveAttributeRaisesTheEventAndHandsTheAttributeBack)
-{
-    Journal journal; // outlives the nodes, whose deletion still reaches it
-    Node root, other;
-    journal.watch(root, "root");
-    IntAttr *attr = new IntAttr(&root, "x");
-    journal.watchDelete(*attr);
-    EXPECT_TRUE(root.removeAttribute(attr));
-    EXPECT_FALSE(root.removeAttribute(attr));
-    EXPECT_EQ(root.attribute("x"), nullptr);
-    EXPECT_TRUE(other.addAttribute("x", attr)); // free again, and alive
-    EXPECT_EQ(journal.lines, QStringList({"root added x", "root removed x host=null"}));
-}
-
-TEST(NodeRemoval, RenamedChildIsStillFoundForRemoval)
+TEST(NodeChildren, RenamedChildIsStillFoundForRemoval)
 {
     Node root;
     IntAttr *attr = new IntAttr(&root, "before");
@@ -151,17 +111,6 @@ TEST(NodeRemoval, RenamedChildIsStillFoundForRemoval)
     EXPECT_TRUE(root.removeAttribute(attr));
     EXPECT_TRUE(root.attributes().isEmpty());
     delete attr;
-}
-
-TEST(NodeDeletion, AttributeLeavesItsHostBeforeItsDeleteListenersRun)
-{
-    Node root;
-    Journal journal;
-    journal.watch(root, "root");
-    IntAttr *attr = new IntAttr(&root, "x");
-    journal.watchDelete(*attr);
-    delete attr;
-    EXPECT_EQ(journal.lines, QStringList({"root added x", "root removed x host=null", "delete x"}));
 }
 
 TEST(NodeDeletion, NodeLeavesAsANodeThenDeleteListenersThenChildrenInOrder)
@@ -172,26 +121,19 @@ TEST(NodeDeletion, NodeLeavesAsANodeThenDeleteListenersThenChildrenInOrder)
     Node *inner = new Node(branch, "inner");
     new IntAttr(inner, "leaf");
     Journal journal;
-    journal.watch(root, "root");
-    journal.watch(*branch, "branch");
-    journal.watch(*inner, "inner");
-    journal.watchDelete(*branch);
-    journal.watchDelete(*a);
-    journal.watchDelete(*inner);
-
+    for (Node *node : {&root, branch, inner})
+        journal.watch(*node, node == &root ? "root" : node->name());
+    for (Attribute *attr : std::initializer_list<Attribute *>{branch, a, inner})
+        journal.watchDelete(attr);
     delete branch;
-    EXPECT_EQ(journal.lines, QStringList({
-                                 "root removed branch node(2 children) host=null",
-                                 "delete branch (2 children)",
-                                 "branch removed a host=null",
-                                 "delete a",
-                                 "branch removed inner node(1 children) host=null",
-                                 "delete inner (1 children)",
-                                 "inner removed leaf host=null",
-                             }));
+    EXPECT_EQ(journal.lines, QStringList({"root removed branch node(2 children) host=null",
+                                          "delete branch node(2 children)", "branch removed a host=null", "delete a",
+                                          "branch removed inner node(1 children) host=null",
+                                          "delete inner node(1 children)", "inner removed leaf host=null"}));
     EXPECT_TRUE(root.attributes().isEmpty());
 }
 
+// Regression: a child deleted by another child's DELETE_ROLE listener was deleted twice.
 TEST(NodeDeletion, AChildDeletedByAnotherChildsDeleteListenerIsDeletedOnce)
 {
     Node *root = new Node;
@@ -200,104 +142,87 @@ TEST(NodeDeletion, AChildDeletedByAnotherChildsDeleteListenerIsDeletedOnce)
     int deletions = 0;
     second->addListener([&] { ++deletions; }, Attribute::DELETE_ROLE);
     first->addListener([&] { delete second; }, Attribute::DELETE_ROLE);
-    delete root; // would double-delete `second` if positions were not re-read
+    delete root;
     EXPECT_EQ(deletions, 1);
 }
 
-TEST(NodeEvents, SendWithoutListenersDoesNothing)
+TEST(NodeEvents, SendReachesOnlyListenersAndProcessOnlyTheNamedChild)
 {
     Node root;
     IntAttr *x = new IntAttr(&root, "x", 1);
-    Kestrel::BinaryData data;
-    data.writeInt32(5);
-    root.eventSend("x", data);
-    root.eventSend("x");
-    EXPECT_EQ(x->value(), 1);
-    EXPECT_EQ(data.total(), 8u);
-}
-
-TEST(NodeEvents, PlainListenersRunInIdOrderOnlyForTheirEvent)
-{
-    Node root;
-    std::vector<int> calls;
-    root.eventAddListener("go", [&] { calls.push_back(1); });
-    const long second = root.eventAddListener("go", [&] { calls.push_back(2); });
-    root.eventAddListener("stop", [&] { calls.push_back(3); });
-    root.eventSend("go");
-    root.eventRemoveListener(second);
-    root.eventSend("go");
-    EXPECT_EQ(calls, std::vector<int>({1, 2, 1}));
-}
-
-TEST(NodeEvents, ObjectListenersDeliverRewoundDataOrDefaults)
-{
-    Node root, target;
-    IntAttr *speed = new IntAttr(&target, "speed", 0);
-    Kestrel::BinaryData defaults;
-    defaults.writeInt32(9);
-    root.eventAddListener("go", "speed", &target, Node::DIRECT, &defaults);
-
-    Kestrel::BinaryData data;
-    data.writeInt32(7); // position at the end: the delivery must rewind
-    root.eventSend("go", data);
-    EXPECT_EQ(speed->value(), 7);
-    EXPECT_EQ(speed->currentLayer(), Attribute::LAYER_USER);
-
-    root.eventSend("go");
-    EXPECT_EQ(speed->value(), 9);
-}
-
-TEST(NodeEvents, ProcessOfAnUnknownIdIsIgnored)
-{
-    Node root;
-    IntAttr *x = new IntAttr(&root, "x", 1);
-    Kestrel::BinaryData data;
-    data.writeInt32(5);
-    data.rewind();
+    Kestrel::BinaryData data = intItem(5);
+    root.eventSend("x", data); // no listeners: the child of that name is not an event target
     root.eventProcess("y", data);
     EXPECT_EQ(x->value(), 1);
     root.eventProcess("x", data);
     EXPECT_EQ(x->value(), 5);
 }
 
-TEST(NodeEvents, DeclarationsAreKeptOnce)
+TEST(NodeEvents, PlainListenersRunInIdOrderOnlyForTheirEvent)
 {
     Node root;
-    root.eventAddOut("initialized");
-    root.eventAddOut("destroyed");
-    root.eventAddOut("initialized");
+    Ints calls;
+    root.eventAddListener("go", [&] { calls.push_back(1); });
+    const long second = root.eventAddListener("go", [&] { calls.push_back(2); });
+    root.eventAddListener("stop", [&] { calls.push_back(3); });
+    root.eventSend("go");
+    root.eventRemoveListener(second);
+    root.eventSend("go");
+    EXPECT_EQ(calls, Ints({1, 2, 1}));
+}
+
+TEST(NodeEvents, ObjectListenersDeliverRewoundDataOrDefaults)
+{
+    Node root, target;
+    IntAttr *speed = new IntAttr(&target, "speed", 0);
+    Kestrel::BinaryData defaults = intItem(9);
+    root.eventAddListener("go", "speed", &target, Node::DIRECT, &defaults);
+    Kestrel::BinaryData data;
+    data.writeInt32(7); // position at the end: the delivery must rewind
+    root.eventSend("go", data);
+    EXPECT_EQ(speed->value(), 7);
+    EXPECT_EQ(speed->currentLayer(), Attribute::LAYER_USER);
+    root.eventSend("go");
+    EXPECT_EQ(speed->value(), 9);
+}
+
+TEST(NodeEvents, DeclarationsAreKeptOnceInOrder)
+{
+    Node root;
+    for (const char *id : {"initialized", "destroyed", "initialized"})
+        root.eventAddOut(id);
     root.eventAddIn("ping");
     EXPECT_EQ(root.eventsOut(), QList<QByteArray>({"initialized", "destroyed"}));
     EXPECT_EQ(root.eventsIn(), QList<QByteArray>({"ping"}));
 }
 
+// Four threads add children and delete every third; no addition, removal or event may be lost.
 TEST(NodeConcurrency, AdditionsAndRemovalsFromSeveralThreads)
 {
-    constexpr int threads = 4, perThread = 2000;
+    constexpr int threads = 4, perThread = 2000, kept = threads * (perThread - (perThread + 2) / 3);
     Node root;
     std::atomic<int> added{0}, removed{0};
     Tamarack::Reference ref;
     root.eventAttributeAdded.addListener(ref.weak(), [&](Attribute *) { ++added; });
     root.eventAttributeRemoved.addListener(ref.weak(), [&](Attribute *) { ++removed; });
+    auto name = [](int t, int i) { return QByteArray::number(t) + "/" + QByteArray::number(i); };
     std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t) {
-        workers.emplace_back([&root, t] {
+    for (int t = 0; t < threads; ++t)
+        workers.emplace_back([&, t] {
             for (int i = 0; i < perThread; ++i) {
-                IntAttr *attr = new IntAttr(&root, QByteArray::number(t) + "/" + QByteArray::number(i), i);
+                IntAttr *attr = new IntAttr(&root, name(t, i), i);
                 if (i % 3 == 0)
                     delete attr;
                 else
-                    (void)root.attribute(attr->name());
+                    EXPECT_EQ(root.attribute(attr->name()), attr);
             }
         });
-    }
     for (auto &w : workers)
         w.join();
-    const int deleted = threads * ((perThread + 2) / 3);
     EXPECT_EQ(added.load(), threads * perThread);
-    EXPECT_EQ(removed.load(), deleted);
-    EXPECT_EQ(root.attributes().size(), threads * perThread - deleted);
+    EXPECT_EQ(removed.load(), threads * perThread - kept);
+    EXPECT_EQ(root.attributes().size(), kept);
     for (int t = 0; t < threads; ++t)
         for (int i = 1; i < perThread; i += 3)
-            ASSERT_NE(root.attribute(QByteArray::number(t) + "/" + QByteArray::number(i)), nullptr);
+            ASSERT_EQ(root.attribute(name(t, i))->name(), name(t, i));
 }

@@ -1,107 +1,59 @@
+#include "TamarackTestUtil.h"
+
 #include "tamarack/AttributeLocation2f.h"
-#include "tamarack/AttributeT.h"
-#include "tamarack/Node.h"
 
-#include "kestrel/BinaryData.h"
+#include <functional>
 
-#include <gtest/gtest.h>
-
-#include <vector>
-
-using Tamarack::Attribute;
 using Tamarack::AttributeLocation2f;
+using V = Wisket::Vector2f;
 
-namespace {
-
-class Location : public ::testing::Test
+// Each case acts on a location of (1, 2) and lists the values its CHANGE_ROLE listeners saw: a
+// tuple emits once per real change, with both components already in place.
+TEST(Location, OneChangePerTupleChange)
 {
-protected:
-    Location()
-    {
-        loc.addListener([this] { seen.push_back(loc.value()); }, Attribute::CHANGE_ROLE);
+    const struct { const char *name; std::function<void(AttributeLocation2f &)> act; std::vector<V> seen; } cases[] = {
+        {"BothComponents", [](auto &l) { l.setValue(V(3, 4)); }, {V(3, 4)}},
+        {"OneComponentThenEqual", [](auto &l) { l.setValue(V(1, 5)); l.setValue(V(1, 5)); }, {V(1, 5)}},
+        {"DirectComponentSet", [](auto &l) { l.component(1).setValue(9.f); }, {V(1, 9)}},
+        {"ClearValue", [](auto &l) { l.setValue(V(3, 4)); l.clearValue(Attribute::LAYER_USER); }, {V(3, 4), V(1, 2)}},
+        {"EventProcessReadsAVector", [](auto &l) {
+             Kestrel::BinaryData data;
+             data.writeVector2Float32(V(-1, 0.5f));
+             data.rewind();
+             l.eventProcess("loc", data);
+             EXPECT_EQ(l.component(0).currentLayer(), Attribute::LAYER_USER);
+         }, {V(-1, 0.5f)}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        AttributeLocation2f loc(nullptr, "loc", V(1, 2));
+        ValueLog<AttributeLocation2f> log(loc);
+        c.act(loc);
+        EXPECT_EQ(log.seen, c.seen);
+        EXPECT_EQ(loc.isChanged(), loc.value() != V(1, 2));
     }
-    AttributeLocation2f loc{nullptr, "loc", Wisket::Vector2f(1, 2)};
-    std::vector<Wisket::Vector2f> seen;
-};
-
-} // namespace
-
-TEST_F(Location, ChangeOfBothComponentsIsOneChange)
-{
-    loc.setValue(Wisket::Vector2f(3, 4));
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0], Wisket::Vector2f(3, 4)); // both components already in place
 }
 
-TEST_F(Location, ChangeOfOneComponentIsOneChangeAndNoChangeIsSilent)
-{
-    loc.setValue(Wisket::Vector2f(1, 5));
-    loc.setValue(Wisket::Vector2f(1, 5));
-    EXPECT_EQ(seen, std::vector<Wisket::Vector2f>({Wisket::Vector2f(1, 5)}));
-}
-
-TEST_F(Location, DirectComponentChangeIsATupleChange)
-{
-    loc.component(1).setValue(9.f);
-    EXPECT_EQ(seen, std::vector<Wisket::Vector2f>({Wisket::Vector2f(1, 9)}));
-    EXPECT_EQ(loc.component(0).ownerShorthand(), &loc);
-    EXPECT_EQ(loc.component(0).host(), nullptr);
-}
-
-TEST_F(Location, ClearValueFallsBackWithOneChange)
-{
-    loc.setValue(Wisket::Vector2f(3, 4), Attribute::LAYER_USER);
-    EXPECT_TRUE(loc.isChanged());
-    EXPECT_TRUE(loc.isValueDefinedOnLayer(Attribute::LAYER_USER));
-    loc.clearValue(Attribute::LAYER_USER);
-    EXPECT_EQ(seen, std::vector<Wisket::Vector2f>({Wisket::Vector2f(3, 4), Wisket::Vector2f(1, 2)}));
-    EXPECT_FALSE(loc.isChanged());
-}
-
-TEST_F(Location, EventProcessReadsAVectorOntoTheUserLayer)
-{
-    Kestrel::BinaryData data;
-    data.writeVector2Float32(Wisket::Vector2f(-1, 0.5f));
-    data.rewind();
-    loc.eventProcess("loc", data);
-    EXPECT_EQ(seen, std::vector<Wisket::Vector2f>({Wisket::Vector2f(-1, 0.5f)}));
-    EXPECT_EQ(loc.component(0).currentLayer(), Attribute::LAYER_USER);
-}
-
-TEST_F(Location, ListenerThatSetsTheTupleAgainGetsItsOwnChange)
-{
-    bool again = true;
-    loc.addListener([&] {
-        if (again) {
-            again = false;
-            loc.setValue(Wisket::Vector2f(7, 7)); // re-entry from inside the tuple's own emission
-        }
-    }, Attribute::CHANGE_ROLE);
-    loc.setValue(Wisket::Vector2f(5, 6));
-    EXPECT_EQ(seen, std::vector<Wisket::Vector2f>({Wisket::Vector2f(5, 6), Wisket::Vector2f(7, 7)}));
-}
-
-TEST(Tuple, SchemaTexts)
+// Re-entry from inside the tuple's own emission must produce its own change.
+TEST(Location, ListenerThatSetsTheTupleAgainGetsItsOwnChange)
 {
     AttributeLocation2f loc;
-    Tamarack::AttributeT<Wisket::SizeF> sizeF;
-    Tamarack::AttributeT<Wisket::SizeI> sizeI;
+    ValueLog<AttributeLocation2f> log(loc);
+    loc.addListener([&] { loc.setValue(V(7, 7)); }, Attribute::CHANGE_ROLE);
+    loc.setValue(V(5, 6));
+    EXPECT_EQ(log.seen, std::vector<V>({V(5, 6), V(7, 7)}));
+    EXPECT_EQ(loc.component(1).ownerShorthand(), &loc); // owned by the tuple, not hosted
+    EXPECT_EQ(loc.component(1).host(), nullptr);
     EXPECT_EQ(loc.type(), QByteArray("location2:float"));
-    EXPECT_EQ(sizeF.type(), QByteArray("size2:float"));
-    EXPECT_EQ(sizeI.type(), QByteArray("size2:int"));
 }
 
-TEST(Tuple, SizeWrapsWidthAndHeight)
+TEST(Size, WrapsWidthAndHeightWithATextForm)
 {
-    Tamarack::Node root;
-    auto *size = new Tamarack::AttributeT<Wisket::SizeI>(&root, "size", Wisket::SizeI(640, 480));
-    int changes = 0;
-    size->addListener([&] { ++changes; }, Attribute::CHANGE_ROLE);
-    EXPECT_EQ(size->component(0).value(), 640);
-    EXPECT_EQ(size->component(1).value(), 480);
-    EXPECT_TRUE(size->set(QStringLiteral("800, 600")));
-    EXPECT_EQ(size->value(), Wisket::SizeI(800, 600));
-    EXPECT_EQ(size->asString(), QStringLiteral("800, 600"));
-    EXPECT_EQ(size->asString(nullptr, Attribute::LAYER_DEFAULT), QStringLiteral("640, 480"));
-    EXPECT_EQ(changes, 1);
+    Tamarack::AttributeT<Wisket::SizeI> size(nullptr, "size", Wisket::SizeI(640, 480));
+    ChangeCount changes(size);
+    EXPECT_EQ(size.component(1).value(), 480);
+    EXPECT_TRUE(size.set(QStringLiteral("800, 600")));
+    EXPECT_EQ(size.value(), Wisket::SizeI(800, 600));
+    EXPECT_EQ(size.asString(nullptr, Attribute::LAYER_DEFAULT), QStringLiteral("640, 480"));
+    EXPECT_EQ(changes.n.load(), 1);
 }

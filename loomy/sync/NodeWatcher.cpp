@@ -19,6 +19,7 @@
 #include <atomic>
 #include <deque>
 #include <map>
+#include <memory>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -184,10 +185,26 @@ public:
 
     std::set<Event> ignored;            // guarded by ignoredMutex
     Kestrel::Mutex ignoredMutex;
+    // Size of ignored, so that the exit skips the mutex on the common path where nothing is
+    // ignored; written under ignoredMutex.
+    std::atomic<std::size_t> ignoredCount{0};
 
+    using Listeners = std::map<long, std::function<void(const Event &)>>;
     QReadWriteLock listenersLock;
-    std::map<long, std::function<void(const Event &)>> listeners; // guarded by listenersLock
-    long nextListenerId = 0;                                      // guarded by listenersLock
+    Listeners listeners;                // guarded by listenersLock
+    long nextListenerId = 0;            // guarded by listenersLock
+    // An immutable copy of listeners, replaced at each registration, so that an event takes a
+    // reference instead of copying the map; guarded by listenersLock.
+    std::shared_ptr<const Listeners> snapshot = std::make_shared<const Listeners>();
+
+    // Both under ignoredMutex.
+    bool eraseIgnored(const Event &event)
+    {
+        if (ignored.erase(event) == 0)
+            return false;
+        ignoredCount.store(ignored.size(), std::memory_order_release);
+        return true;
+    }
 
     std::atomic<bool> watching{false};
 };
@@ -224,7 +241,7 @@ void NodeWatcher::D::onAttributeAdded(const QByteArray &path, Attribute *attribu
     bool ignore;
     {
         Kestrel::MutexLocker locker(ignoredMutex);
-        ignore = ignored.erase(Event{ATTRIBUTE_ADDED, symbol}) != 0 || ignored.erase(Event{NODE_ADDED, symbol}) != 0;
+        ignore = eraseIgnored(Event{ATTRIBUTE_ADDED, symbol}) || eraseIgnored(Event{NODE_ADDED, symbol});
     }
 
     auto record = std::make_shared<PendingAdded>(symbol, attribute, !ignore);
@@ -436,17 +453,17 @@ void NodeWatcher::D::nodeRemoved(Node &node, const QByteArray &path, unsigned in
 void NodeWatcher::D::event(EventType type, unsigned int symbol)
 {
     const Event ev{type, symbol};
-    {
+    if (ignoredCount.load(std::memory_order_acquire) != 0) {
         Kestrel::MutexLocker locker(ignoredMutex);
-        if (ignored.erase(ev))
+        if (eraseIgnored(ev))
             return;
     }
-    std::map<long, std::function<void(const Event &)>> copy;
+    std::shared_ptr<const Listeners> copy;
     {
         Kestrel::ReadLocker locker(&listenersLock);
-        copy = listeners;
+        copy = snapshot;
     }
-    for (const auto &listener : copy)
+    for (const auto &listener : *copy)
         listener.second(ev);
 }
 
@@ -499,13 +516,15 @@ long NodeWatcher::addListener(const std::function<void(const Event &)> &listener
     Kestrel::WriteLocker locker(&m_d->listenersLock);
     const long id = m_d->nextListenerId++;
     m_d->listeners.emplace(id, listener);
+    m_d->snapshot = std::make_shared<const D::Listeners>(m_d->listeners);
     return id;
 }
 
 void NodeWatcher::removeListener(long id)
 {
     Kestrel::WriteLocker locker(&m_d->listenersLock);
-    m_d->listeners.erase(id);
+    if (m_d->listeners.erase(id) != 0)
+        m_d->snapshot = std::make_shared<const D::Listeners>(m_d->listeners);
 }
 
 bool NodeWatcher::isPendingUpdate(unsigned int symbol) const
@@ -519,6 +538,7 @@ void NodeWatcher::ignoreOne(const Event &event)
     {
         Kestrel::MutexLocker locker(m_d->ignoredMutex);
         inserted = m_d->ignored.insert(event).second;
+        m_d->ignoredCount.store(m_d->ignored.size(), std::memory_order_release);
     }
     if (!inserted)
         Kestrel::Trace::error("NodeWatcher # called ignoreOne for an event that is already ignored");
@@ -527,7 +547,7 @@ void NodeWatcher::ignoreOne(const Event &event)
 void NodeWatcher::stopIgnoring(const Event &event)
 {
     Kestrel::MutexLocker locker(m_d->ignoredMutex);
-    m_d->ignored.erase(event);
+    m_d->eraseIgnored(event);
 }
 
 } // namespace Loomy

@@ -106,6 +106,7 @@ bool RemoteNode::addNode(const QByteArray &fullName, Tamarack::Node *node)
 void RemoteNode::onChangeImpl(const QRegExp &regExp, std::function<void(Tamarack::Attribute *)> listener)
 {
     unsigned long id;
+    m_hasPatternListeners.store(true, std::memory_order_release);
     {
         Kestrel::MutexLocker locker(m_patternMutex);
         id = m_pendingListeners.size();
@@ -367,11 +368,13 @@ void RemoteNode::handleAttributeChange(const NodeWatcher::Event &event)
             checkForPendingListeners(event.symbol);
             checkForSyncFlags(event.symbol);
         }
-        enqueueChanged(event.symbol);
+        if (m_hasPatternListeners.load(std::memory_order_acquire))
+            enqueueChanged(event.symbol);
         break;
     }
     case NodeWatcher::ATTRIBUTE_CHANGED:
-        enqueueChanged(event.symbol);
+        if (m_hasPatternListeners.load(std::memory_order_acquire))
+            enqueueChanged(event.symbol);
         break;
     case NodeWatcher::ATTRIBUTE_REMOVED: {
         // A removed attribute runs no pattern listener this frame.

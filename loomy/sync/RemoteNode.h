@@ -168,6 +168,9 @@ private:
     // Guards the three above. Lock order: this, then the sync flags' lock. Never held while a
     // pattern listener runs or while the tree is walked.
     mutable Kestrel::Mutex m_patternMutex;
+    // Set before the first pattern listener is stored and never cleared. Until then nothing can
+    // run for a change, so changes are not filed at all: that filing is most of a change's cost.
+    std::atomic<bool> m_hasPatternListeners{false};
 
     mutable QReadWriteLock m_eventListenersLock;                 // guards the next two
     std::map<long, std::function<void(const Event &)>> m_eventListeners;

@@ -1,10 +1,9 @@
 #include "loomy/bundle/BundleController.h"
 
-// Ahead of the bundle headers: <QtEndian> defines Qt's `emit` keyword, which Tamarack's event
-// class uses as a member name.
-#include "loomy/sync/RemoteNode.h"
 #include "loomy/bundle/Bundle.h"
 #include "loomy/bundle/Core.h"
+#include "loomy/sync/AttributeStorage.h"
+#include "loomy/sync/RemoteNode.h"
 #include "kestrel/Mutex.h"
 #include "tamarack/Node.h"
 
@@ -138,8 +137,10 @@ void BundleController::setEnabled(bool enabled)
 
 void BundleController::debugDump()
 {
-    // The attribute storage's dump joins the initialisation here once the session has a storage.
-    addTask([](Core &core) { core.ensureIsInitialized(); });
+    addTask([](Core &core) {
+        core.ensureIsInitialized();
+        core.attributeStorage()->debugDump();
+    });
 }
 
 void BundleController::ensureIsInitialized()

@@ -74,8 +74,8 @@ public:
     void addTask(const std::function<void(Core &)> &task);
     // Any thread; takes effect at the next pass, in order with scheduled batches.
     void setEnabled(bool enabled);
-    // Any thread; initialises the core at the next pass. Dumps the attribute storage once the
-    // session has one.
+    // Any thread; at the next pass, initialises the core and prints its attribute storage to
+    // standard output.
     void debugDump();
 
     void ensureIsInitialized();

@@ -173,6 +173,11 @@ RemoteNode &Core::node() const
     return *m_d->node;
 }
 
+AttributeStorage *Core::attributeStorage() const
+{
+    return m_d->storage.get();
+}
+
 BundleDispatcher &Core::dispatcher()
 {
     return m_d->dispatcher;

@@ -9,6 +9,7 @@ namespace Kestrel { class SymbolRegistry; }
 
 namespace Loomy {
 
+class AttributeStorage;
 class Bundle;
 class BundleController;
 struct BundleControllerParams;
@@ -49,6 +50,8 @@ public:
     void updateAndSend();
 
     RemoteNode &node() const;
+    // Null until initialised. Frame thread only, like everything it holds.
+    AttributeStorage *attributeStorage() const;
     BundleDispatcher &dispatcher();
     Kestrel::SymbolRegistry &symbolRegistryRecv();
 

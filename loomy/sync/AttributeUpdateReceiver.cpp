@@ -29,9 +29,9 @@ void AttributeUpdateReceiver::handleBundle(BundleReader &reader)
             return;
         }
 
-        // Plain unsigned comparison: the peer wrote this value before it had seen our latest
-        // one, so ours stands. Both sides apply the rule, so two values that cross are both
-        // dropped.
+        // Stale when the bundle doesn't acknowledge our last send of the attribute (plain
+        // unsigned comparison): the peer wrote it before it had seen our value, and ours stands.
+        // Both sides apply the rule, so two values that cross are both dropped.
         if (!m_dropStaleChanges || ackBundleId >= record->lastSentId) {
             // A deserialiser that throws leaves the entry behind; the attribute's next local
             // change is then swallowed once.

@@ -115,7 +115,12 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
             }
             // For an unknown type id a null attribute goes in (and is refused), and the announced
             // value is not stepped over: the next record is read from the value's first byte.
-            node->addAttribute(attributeName, attribute);
+            if (!node->addAttribute(attributeName, attribute) && attribute) {
+                // Refused: another thread took the name since the lookup. The attribute would stay
+                // free, with nothing to reach it but the deserialiser.
+                delete attribute;
+                deserializer = nullptr;
+            }
             // The watcher reports the addition now; the sender answers it with this side's symbol.
             m_node.processPendingAdditions();
         } else if (hasValue) {

@@ -102,23 +102,6 @@ TEST_F(AttributeUpdateReceiverTest, UnknownSymbolEndsTheBundle)
     EXPECT_EQ(trace.lines(), QStringList{"AttributeUpdateHandler::handleBundle # BUG: unknown attribute with symbol 99"});
 }
 
-struct StaleCase
-{
-    const char *name;
-    bool dropStaleChanges;
-    quint32 lastSentId;
-    quint32 ackBundleId;
-    bool applied;
-};
-
-const StaleCase s_staleCases[] = {
-    {"AckBehindLastSendIsDropped", true, 7, 6, false},
-    {"AckOfLastSendIsApplied", true, 7, 7, true},
-    {"AckAheadIsApplied", true, 7, 8, true},
-    {"NothingSentIsApplied", true, 0, 0, true},
-    {"RuleOffAppliesEverything", false, 7, 6, true},
-};
-
 class AttributeUpdateStaleValue : public AttributeUpdateReceiverTest, public ::testing::WithParamInterface<StaleCase>
 {};
 

@@ -262,6 +262,23 @@ TEST_F(NewAttributeReceiverTest, PathsFollowAliasesToNodes)
     EXPECT_EQ(c->value(), 4.f);
 }
 
+// The alias holds the name, so the node made in its place is refused; it must not be left free
+// (and leak) with the attribute inside it.
+TEST_F(NewAttributeReceiverTest, AliasWithoutTargetOnThePathCountsAsANodeNotMade)
+{
+    new Tamarack::AttributeAlias(&node, "dangling");
+    receiver.setCreateMissingAttributes(true);
+    peerSymbol(70, "dangling/c");
+
+    Body body;
+    apply(floatRecord(body, 70, 1, 4.f));
+
+    EXPECT_EQ(trace.lines(),
+              (QStringList{"Attribute::Attribute # could not add 'dangling' to its host",
+                           "NewAttributeReceiver::handleBundle # Failed to create target node at path dangling/c"}));
+    EXPECT_NE(dynamic_cast<Tamarack::AttributeAlias *>(node.attribute("dangling")), nullptr);
+}
+
 TEST_F(NewAttributeReceiverTest, UnknownTypeIdMakesNoAttribute)
 {
     receiver.setCreateMissingAttributes(true);
@@ -276,23 +293,6 @@ TEST_F(NewAttributeReceiverTest, UnknownTypeIdMakesNoAttribute)
     ASSERT_NE(record, nullptr);
     EXPECT_EQ(consumed(*record, QByteArray(8, '\0')), 4u);
 }
-
-struct StaleCase
-{
-    const char *name;
-    bool dropStaleChanges;
-    quint32 lastSentId;
-    quint32 ackBundleId;
-    bool applied;
-};
-
-const StaleCase s_staleCases[] = {
-    {"AckBehindLastSendIsDropped", true, 7, 6, false},
-    {"AckOfLastSendIsApplied", true, 7, 7, true},
-    {"AckAheadIsApplied", true, 7, 8, true},
-    {"NothingSentYetIsApplied", true, 0, 0, true},
-    {"RuleOffAppliesEverything", false, 7, 6, true},
-};
 
 class NewAttributeStaleValue : public NewAttributeReceiverTest, public ::testing::WithParamInterface<StaleCase>
 {};

@@ -20,6 +20,7 @@
 #include <vector>
 
 namespace {
+
 // Table rows print as their name. In the unnamed namespace, where the test files keep their
 // tables, so that gtest's printer finds it by argument-dependent lookup.
 template <typename Case>
@@ -27,6 +28,33 @@ auto operator<<(std::ostream &os, const Case &row) -> decltype(std::string(row.n
 {
     return os << row.name;
 }
+
+} // namespace
+
+inline void PrintTo(const QString &text, std::ostream *os)
+{
+    *os << '"' << text.toStdString() << '"';
+}
+
+namespace {
+// The stale value rule: with dropStaleChanges, a value whose bundle acknowledges less than this
+// side's last send of the attribute is dropped. Plain unsigned comparison.
+struct StaleCase
+{
+    const char *name;
+    bool dropStaleChanges;
+    quint32 lastSentId;
+    quint32 ackBundleId;
+    bool applied;
+};
+
+const StaleCase s_staleCases[] = {
+    {"AckBehindLastSendIsDropped", true, 7, 6, false},
+    {"AckOfLastSendIsApplied", true, 7, 7, true},
+    {"AckAheadIsApplied", true, 7, 8, true},
+    {"NothingSentIsApplied", true, 0, 0, true},
+    {"RuleOffAppliesEverything", false, 7, 6, true},
+};
 } // namespace
 
 // The outgoing message types of a session whose only sender is the node change sender: the

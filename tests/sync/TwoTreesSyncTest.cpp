@@ -418,6 +418,20 @@ TEST_F(TwoTreesSyncTest, EventsAndSlicedEventsArriveOnce)
     EXPECT_TRUE(problems().isEmpty()) << problems().join('\n').toStdString();
 }
 
+TEST_F(TwoTreesSyncTest, DebugDumpListsTheSessionsAttributes)
+{
+    new FloatAttr(&left, "x", 2.5f);
+    join();
+    settle();
+
+    ::testing::internal::CaptureStdout();
+    sessions.second->debugDump();
+    frames(1);
+    const std::string dump = ::testing::internal::GetCapturedStdout();
+    EXPECT_NE(dump.find("x "), std::string::npos) << dump;
+    EXPECT_NE(dump.find(" <2.5>\n"), std::string::npos) << dump;
+}
+
 // --- the connection itself ---
 
 TEST_F(TwoTreesSyncTest, LocalConnectionCountsWhatCrossesAndDropsForAGoneReceiver)

@@ -305,18 +305,23 @@ TEST_F(TwoTreesSyncTest, AdditionsAfterJoiningArriveAndAreAnsweredWithoutValue)
 
 TEST_F(TwoTreesSyncTest, RemovalOfAnAttributeMadeForThePeerRemovesItThere)
 {
+    // One in the initial state, one added later.
+    new FloatAttr(&left, "early", 1.f);
     join();
     settle();
     new FloatAttr(&left, "made", 1.f);
     new FloatAttr(&left, "kept", 1.f);
     settle();
+    ASSERT_NE(at(right, "early"), nullptr);
     ASSERT_NE(at(right, "made"), nullptr);
     ASSERT_NE(at(right, "kept"), nullptr);
     clearTraffic();
 
     delete at(left, "made");
+    delete at(left, "early");
     settle();
     EXPECT_EQ(at(right, "made"), nullptr);
+    EXPECT_EQ(at(right, "early"), nullptr);
     EXPECT_EQ(count(toRight, RemoveType), 1);
     EXPECT_EQ(count(toLeft, RemoveType), 0);
 

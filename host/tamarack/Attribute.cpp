@@ -3,10 +3,11 @@
 
 #include "kestrel/Trace.h"
 
+#include <QVarLengthArray>
+
 #include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace Tamarack {
 
@@ -88,10 +89,10 @@ void Attribute::emitRole(int role)
     Listeners *state = m_listeners.load(std::memory_order_acquire);
     if (!state)
         return;
-    std::vector<std::shared_ptr<Listeners::Entry>> calls;
+    // Most attributes have a listener or two: keep the copy off the heap on that path.
+    QVarLengthArray<std::shared_ptr<Listeners::Entry>, 4> calls;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
-        calls.reserve(state->entries.size());
         for (const auto &entry : state->entries)
             if (entry.second->role == role)
                 calls.push_back(entry.second);

@@ -1,43 +1,35 @@
 #pragma once
 #include "loomy/bundle/Bundle.h"
+#include "loomy/bundle/BundleDispatcher.h"
 #include "loomy/bundle/BundleReader.h"
+#include "loomy/bundle/BundleSender.h"
+#include "loomy/bundle/BundleWriter.h"
 
-#include <QByteArray>
-#include <QString>
 #include <QStringList>
 
 #include <gtest/gtest.h>
 
-#include <ostream>
+#include <functional>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 // Plain values of the sizes that take the short, the padded and the unpadded long path.
 struct Plain3 { char c[3]; };
 struct Plain12 { quint32 x, y, z; };
 struct Plain16 { quint32 a, b, c, d; };
 
-// Bytes as spaced hex, so that a failed comparison shows where two wire images differ.
-inline std::string hex(const QByteArray &bytes)
-{
-    return bytes.toHex(' ').toStdString();
-}
-
-// The reverse; spaces in `text` are only for reading.
-inline QByteArray unhex(const char *text)
-{
-    return QByteArray::fromHex(text);
-}
-
-// A bundle with a zero header in front of `body`.
-inline Loomy::Bundle withBody(const QByteArray &body)
-{
-    return Loomy::Bundle(QByteArray(16, '\0') + body);
-}
+// Spaced hex, so that a failed comparison shows where two wire images differ.
+inline std::string hex(const QByteArray &bytes) { return bytes.toHex(' ').toStdString(); }
+inline QByteArray unhex(const char *text) { return QByteArray::fromHex(text); }
+inline Loomy::Bundle withBody(const QByteArray &body) { return Loomy::Bundle(QByteArray(16, '\0') + body); }
+inline void PrintTo(const QString &text, std::ostream *os) { *os << '"' << text.toStdString() << '"'; }
+inline void PrintTo(const QStringList &list, std::ostream *os) { *os << '[' << list.join(" | ").toStdString() << ']'; }
 
 // What `f` threw, as "kind: text", so that type and text are checked in one comparison.
-template <typename F>
-std::string thrown(F &&f)
+template <typename F> std::string thrown(F &&f)
 {
     try {
         f();
@@ -50,24 +42,13 @@ std::string thrown(F &&f)
     }
     return "nothing thrown";
 }
-
 inline const std::string s_readPastEnd = "out_of_range: BundleReader::read # tried to read past the end";
 inline const std::string s_writePastEnd = "out_of_range: BundleWriterCore::writeDataAt # tried to write past the end";
+inline const QString s_info = QStringLiteral("info application=Loomy version=2.14.4");
+inline const QString s_loaded = QStringLiteral(" description=Module loaded successfully");
 
-// Table rows print as their name, also in the names of the registered test cases.
-template <typename Case>
-auto operator<<(std::ostream &os, const Case &row) -> decltype(std::string(row.name), os)
-{
-    return os << row.name;
-}
-
-inline void PrintTo(const QString &text, std::ostream *os)
-{
-    *os << '"' << text.toStdString() << '"';
-}
-
-// The records of a handshake bundle, one line each, as "command [number] fields... key=value...",
-// e.g. "ok load-module Test.A description=Module loaded successfully". Checks each record's size.
+// The records of a handshake bundle as "command [number] fields... key=value...", e.g.
+// "ok load-module Test.A description=Module loaded successfully". Checks each record's size.
 inline QStringList handshakeRecords(const Loomy::Bundle &bundle)
 {
     QStringList records;
@@ -75,13 +56,12 @@ inline QStringList handshakeRecords(const Loomy::Bundle &bundle)
     while (reader.position() < unsigned(bundle.size())) {
         const quint32 size = reader.read<quint32>();
         const unsigned start = reader.position();
-        const QString command = Loomy::readString(reader);
-        QStringList fields{command};
-        if (command == "load-module")
+        QStringList fields{Loomy::readString(reader)};
+        if (fields[0] == "load-module")
             fields << QString::number(reader.read<quint32>());
-        if (command != "info")
+        if (fields[0] != "info")
             fields << Loomy::readString(reader);
-        if (command == "ok" || command == "error")
+        if (fields[0] == "ok" || fields[0] == "error")
             fields << Loomy::readString(reader);
         const QMap<QString, QString> map = Loomy::readMap(reader);
         for (auto it = map.cbegin(); it != map.cend(); ++it)
@@ -92,7 +72,69 @@ inline QStringList handshakeRecords(const Loomy::Bundle &bundle)
     return records;
 }
 
-inline void PrintTo(const QStringList &list, std::ostream *os)
+// "type id ack: " and then the handshake records or the first word, one line per bundle.
+inline QStringList describe(const std::vector<Loomy::Bundle> &bundles)
 {
-    *os << '[' << list.join(" | ").toStdString() << ']';
+    QStringList lines;
+    for (const Loomy::Bundle &b : bundles) {
+        Loomy::BundleReader reader(b);
+        lines << QStringLiteral("%1 %2 %3: %4").arg(b.messageType()).arg(b.bundleId()).arg(b.ackBundleId())
+                     .arg(b.messageType() ? QString::number(reader.read<quint32>()) : handshakeRecords(b).join(" | "));
+    }
+    return lines;
 }
+
+// One collection of `sender` alone, ids counted on from `nextId`.
+inline std::vector<Loomy::Bundle> collect(Loomy::BundleSender &sender, unsigned &nextId, unsigned ackId)
+{
+    std::vector<Loomy::Bundle> bundles;
+    Loomy::BundleOutput output(bundles, nextId, ackId);
+    sender.writeUpdates(output);
+    return bundles;
+}
+
+inline const std::thread::id s_mainThread = std::this_thread::get_id();
+const quint32 s_badWord = 0xbad;
+
+// One bundle of its module per queued word. Frame thread only.
+struct WordSender : Loomy::BundleSender
+{
+    explicit WordSender(const QByteArray &module = "Test.Words") : module(module) {}
+    void initialize(Loomy::BundleDispatcher &dispatcher) override { type = dispatcher.lookupOrRegisterMessageType(module); }
+    void writeUpdates(Loomy::BundleOutput &output) override
+    {
+        for (quint32 word : std::exchange(queued, {})) {
+            Loomy::Bundle bundle;
+            Loomy::BundleWriter(bundle).write(word);
+            bundle.stamp(type, output.nextBundleId(), output.ackBundleId());
+            output.addBundle(bundle);
+        }
+    }
+    QByteArray module;
+    unsigned type = 0;
+    std::vector<quint32> queued;
+};
+
+// Keeps the first word of each bundle and each config; throws after reading s_badWord.
+struct WordReceiver : Loomy::BundleReceiver
+{
+    explicit WordReceiver(const QByteArray &name = "Test.Words", bool failInit = false)
+        : BundleReceiver(name), failInit(failInit) {}
+    void handleBundle(Loomy::BundleReader &reader) override
+    {
+        words.push_back(reader.read<quint32>());
+        onMainThread = onMainThread && std::this_thread::get_id() == s_mainThread;
+        if (words.back() == s_badWord)
+            throw std::invalid_argument("bad word");
+    }
+    void initialize(const QMap<QString, QString> &config) override
+    {
+        configs.push_back(config);
+        if (failInit)
+            throw std::runtime_error("init failed");
+    }
+    bool failInit;
+    std::vector<quint32> words;
+    std::vector<QMap<QString, QString>> configs;
+    bool onMainThread = true;
+};

@@ -22,16 +22,8 @@ using Batches = std::vector<QStringList>;
 // What happened, in order, across nodes, connections, tasks and senders; written from any thread.
 std::mutex s_journalMutex;
 Lines s_journal;
-void note(const std::string &line)
-{
-    std::lock_guard<std::mutex> lock(s_journalMutex);
-    s_journal.push_back(line);
-}
-Lines journal()
-{
-    std::lock_guard<std::mutex> lock(s_journalMutex);
-    return std::exchange(s_journal, {});
-}
+void note(const std::string &line) { std::lock_guard<std::mutex> lock(s_journalMutex); s_journal.push_back(line); }
+Lines journal() { std::lock_guard<std::mutex> lock(s_journalMutex); return std::exchange(s_journal, {}); }
 
 struct CountingNode : RemoteNode
 {
@@ -182,7 +174,9 @@ TEST_F(BundleControllerTest, TwoControllersOnOneNodeNumberTheirOwnBundlesAndShar
     EXPECT_EQ(connection2->batches, Batches{opening(true) << "6 4 0: 2" << "6 5 0: 3"});
 }
 
-// Incoming bundles are applied all along; the node is updated only by the initialisation.
+// Incoming bundles are applied all along, with a warning per failed bundle, and the node is
+// updated only by the initialisation. Then the backlog leaves in one batch, which acknowledges the
+// last peer bundle that went through, not the last one of the peer's batch.
 TEST_F(BundleControllerTest, DisabledCoreSendsNothingUntilEnabledThenTheBacklogInOneBatch)
 {
     TraceCapture trace;
@@ -190,35 +184,18 @@ TEST_F(BundleControllerTest, DisabledCoreSendsNothingUntilEnabledThenTheBacklogI
     sender->queued = {5};
     add(*controller, sender, receiver);
     frame();
-    controller->scheduleProcess(peerBatch({7, 8}));
+    controller->scheduleProcess(peerBatch({7, s_badWord, 8, s_badWord}));  // peer ids 1 to 5
     sender->queued.push_back(6);
     frame();
-    EXPECT_EQ(receiver->words, (std::vector<quint32>{7, 8}));
+    EXPECT_EQ(receiver->words, (std::vector<quint32>{7, s_badWord, 8, s_badWord}));
+    const QString warning = "BundleController::process # Failed to process bundle of type type 2: bad word";
+    EXPECT_EQ(trace.lines(), (QStringList{warning, warning}));
     EXPECT_EQ(journal(), Lines{"update n"});
     controller->setEnabled(true);
     frame();
     EXPECT_EQ(journal(), (Lines{"update n", "update n", "send c 5", "update n"}));
-    EXPECT_EQ(connection->batches, (Batches{{"0 1 3: " + s_info + loads(true) + " | " + oks(1, true), "1 2 3: 2",
-                                             "5 3 3: 2", "6 4 3: 5", "6 5 3: 6"}}));
-    EXPECT_EQ(trace.lines(), QStringList());
-}
-
-// A warning per failed bundle and the batch goes on; the answer acknowledges the last bundle that
-// went through, not the last one of the batch.
-TEST_F(BundleControllerTest, ThrowingReceiverIsLoggedAndTheBatchGoesOn)
-{
-    TraceCapture trace;
-    auto controller = create();
-    add(*controller, nullptr, receiver);
-    frame();
-    journal();
-    controller->scheduleProcess(peerBatch({1, s_badWord, 2, s_badWord}));  // peer ids 1 to 5
-    frame();
-    EXPECT_EQ(receiver->words, (std::vector<quint32>{1, s_badWord, 2, s_badWord}));
-    const QString warning = "BundleController::process # Failed to process bundle of type type 2: bad word";
-    EXPECT_EQ(trace.lines(), (QStringList{warning, warning}));
-    EXPECT_EQ(journal(), (Lines{"update n", "send c 0", "update n", "update n", "send c 1", "update n"}));
-    EXPECT_EQ(connection->batches.at(1), QStringList{"0 4 4: " + oks(1, true)});
+    EXPECT_EQ(connection->batches, (Batches{{"0 1 4: " + s_info + loads(true) + " | " + oks(1, true), "1 2 4: 2",
+                                             "5 3 4: 2", "6 4 4: 5", "6 5 4: 6"}}));
 }
 
 // update() drives only a local controller, on the caller's thread.
@@ -236,38 +213,28 @@ TEST_F(BundleControllerTest, UpdateDrivesALocalControllerAndNotAGlobalOne)
     EXPECT_EQ(journal(), (Lines{"update n", "global task", "update n", "update n", "send c 3", "update n"}));
 }
 
-TEST_F(BundleControllerTest, ControllerDestroyedOnAnotherThreadReleasesItsCoreOnTheFrameThread)
+// A controller dropped on another thread leaves its core to the next pass on the frame thread; a
+// node destroyed first releases its core at once, and that controller's calls then do nothing.
+TEST_F(BundleControllerTest, CoresAreReleasedOnTheFrameThreadOrWithTheirNode)
 {
-    auto controller = create();
-    add(*controller, std::make_shared<NotingSender>());
+    auto other = std::make_unique<CountingNode>("m");
+    auto dropped = create(), orphaned = BundleController::create(*other, params(connection));
+    add(*dropped, std::make_shared<NotingSender>());
+    add(*orphaned, std::make_shared<NotingSender>());
     frame();
     journal();
-    std::thread([&controller] { controller.reset(); }).join();
+    std::thread([&dropped] { dropped.reset(); }).join();
     EXPECT_EQ(journal(), Lines{});
+    other.reset();
+    EXPECT_EQ(journal(), Lines{"gone on main"});
+    orphaned->addTask([](Core &) { note("task"); });
+    orphaned->setEnabled(false);
+    orphaned->scheduleProcess(peerBatch({1}));
+    EXPECT_EQ(orphaned->symbolRegistryRecv(), nullptr);
     frame();
     EXPECT_EQ(journal(), Lines{"gone on main"});
-}
-
-// The node's "destroyed" listener releases the core; the controller's calls then do nothing.
-TEST_F(BundleControllerTest, NodeDestroyedBeforeItsControllerReleasesTheCoreAtOnce)
-{
-    auto node = std::make_unique<CountingNode>("m");
-    auto controller = BundleController::create(*node, params(connection));
-    add(*controller, std::make_shared<NotingSender>());
+    orphaned.reset();
     frame();
-    journal();
-    node.reset();
-    EXPECT_EQ(journal(), Lines{"gone on main"});
-    bool ran = false;
-    controller->addTask([&ran](Core &) { ran = true; });
-    controller->setEnabled(false);
-    controller->scheduleProcess(peerBatch({1}));
-    controller->update();
-    EXPECT_EQ(controller->symbolRegistryRecv(), nullptr);
-    frame();
-    controller.reset();
-    frame();
-    EXPECT_FALSE(ran);
     EXPECT_EQ(journal(), Lines{});
 }
 

@@ -26,7 +26,6 @@ inline std::string hex(const QByteArray &bytes) { return bytes.toHex(' ').toStdS
 inline QByteArray unhex(const char *text) { return QByteArray::fromHex(text); }
 inline Loomy::Bundle withBody(const QByteArray &body) { return Loomy::Bundle(QByteArray(16, '\0') + body); }
 inline void PrintTo(const QString &text, std::ostream *os) { *os << '"' << text.toStdString() << '"'; }
-inline void PrintTo(const QStringList &list, std::ostream *os) { *os << '[' << list.join(" | ").toStdString() << ']'; }
 
 // What `f` threw, as "kind: text", so that type and text are checked in one comparison.
 template <typename F> std::string thrown(F &&f)

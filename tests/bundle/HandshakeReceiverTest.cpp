@@ -16,18 +16,11 @@ class HandshakeReceiverTest : public ::testing::Test
 {
 protected:
     void SetUp() override { dispatcher.collectUpdates(); }  // drops this side's "info"
-
     void handle(const QByteArray &body)
     {
         const Bundle bundle = withBody(body);
         BundleReader reader(bundle);
         receiver.handleBundle(reader);
-    }
-    // The records this side answers with in its next collection.
-    QStringList answers()
-    {
-        const std::vector<Bundle> bundles = dispatcher.collectUpdates();
-        return bundles.empty() ? QStringList() : handshakeRecords(bundles.front());
     }
     // The body of a peer's first bundle: its "info" record, then the records `write` adds.
     static QByteArray peerBody(const std::function<void(HandshakeSender &)> &write)
@@ -57,7 +50,7 @@ TEST_F(HandshakeReceiverTest, OnlyUnknownCommandsAndErrorsAreLoggedAndNothingIsA
     EXPECT_EQ(trace.lines(), (QStringList{"HandshakeReceiver::handleBundle # Unknown command 'hello'",
                                           "HandshakeReceiver::handleBundle # error, command: load-module, module: M, "
                                           "additional info: description: Module not found, z: last"}));
-    EXPECT_TRUE(answers().isEmpty());
+    EXPECT_TRUE(dispatcher.collectUpdates().empty());
 }
 
 TEST_F(HandshakeReceiverTest, RecordSizeSmallerThanItsCommandOrPastTheEndThrows)
@@ -75,14 +68,14 @@ TEST_F(HandshakeReceiverTest, RecordSizeSmallerThanItsCommandOrPastTheEndThrows)
 
 TEST_F(HandshakeReceiverTest, TwoLoadModulesInOneBundleShareTheAnswerBundle)
 {
-    auto a = std::make_shared<WordReceiver>("Test.A");
-    auto b = std::make_shared<WordReceiver>("Test.B");
+    auto a = std::make_shared<WordReceiver>("Test.A"), b = std::make_shared<WordReceiver>("Test.B");
     dispatcher.preloadReceiver(a);
     dispatcher.preloadReceiver(b);
     handle(unhex("24000000 0b000000 6c6f61642d6d6f64756c65 00 07000000 06000000 546573742e42 0000 00000000"
                  "34000000 0b000000 6c6f61642d6d6f64756c65 00 08000000 06000000 546573742e41 0000"
                  "01000000 01000000 6b000000 01000000 76000000"));
-    EXPECT_EQ(answers(), (QStringList{"ok load-module Test.B" + s_loaded, "ok load-module Test.A" + s_loaded}));
+    EXPECT_EQ(describe(dispatcher.collectUpdates()),
+              QStringList{"0 2 0: ok load-module Test.B" + s_loaded + " | ok load-module Test.A" + s_loaded});
     EXPECT_EQ(a->configs, (std::vector<QMap<QString, QString>>{{{"k", "v"}}}));
     EXPECT_EQ(b->configs.size(), 1u);
 }
@@ -105,5 +98,5 @@ TEST_F(HandshakeReceiverTest, EveryTruncatedRecordPrefixThrows)
             EXPECT_EQ(thrown([&] { handle(c.record.left(len)); }), expected) << c.name << " " << len;
         }
     }
-    EXPECT_TRUE(answers().isEmpty());  // no load-module prefix reached the dispatcher
+    EXPECT_TRUE(dispatcher.collectUpdates().empty());  // no load-module prefix reached the dispatcher
 }

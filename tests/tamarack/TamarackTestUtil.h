@@ -21,7 +21,10 @@ using Ints = std::vector<int>;
 template <typename A>
 struct ValueLog
 {
-    explicit ValueLog(A &a) : attr(a) { a.addListener([this] { seen.push_back(attr.value()); }, Attribute::CHANGE_ROLE); }
+    explicit ValueLog(A &a) : attr(a)
+    {
+        a.addListener([this] { seen.push_back(attr.value()); }, Attribute::CHANGE_ROLE);
+    }
     A &attr;
     std::vector<std::decay_t<decltype(std::declval<A &>().value())>> seen;
 };

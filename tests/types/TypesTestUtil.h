@@ -1,5 +1,6 @@
 #pragma once
 #include "bundle/BundleTestUtil.h"
+#include "common/TraceCapture.h"
 
 #include "loomy/bundle/BundleReader.h"
 #include "loomy/bundle/BundleWriter.h"
@@ -7,27 +8,14 @@
 
 #include "tamarack/Attribute.h"
 
-#include <QByteArray>
-#include <QString>
-
-#include <gtest/gtest.h>
-
-#include <ostream>
-#include <stdexcept>
-#include <string>
-
 // The value of `attribute` as the registry writes it, and the type id and size it reports.
 inline QByteArray serialize(const Loomy::TypeRegistry &registry, Tamarack::Attribute *attribute,
                             unsigned *typeId = nullptr, unsigned *size = nullptr)
 {
     unsigned id = 0, fixed = 0;
-    const Loomy::Serializer serializer = registry.createSerializer(attribute, id, fixed);
-    EXPECT_TRUE(bool(serializer));
     QByteArray bytes;
-    if (serializer) {
-        Loomy::BundleWriterCore writer(bytes);
-        serializer(writer);
-    }
+    Loomy::BundleWriterCore writer(bytes);
+    registry.createSerializer(attribute, id, fixed)(writer); // none throws std::bad_function_call
     if (typeId)
         *typeId = id;
     if (size)
@@ -35,16 +23,18 @@ inline QByteArray serialize(const Loomy::TypeRegistry &registry, Tamarack::Attri
     return bytes;
 }
 
-// Reads `bytes` into `attribute` as type `typeId`; returns where the cursor ended.
-inline unsigned deserialize(const Loomy::TypeRegistry &registry, unsigned typeId, Tamarack::Attribute *attribute,
-                            const QByteArray &bytes)
+// Runs `deserializer` over `wire`; returns where the cursor ended.
+inline unsigned feed(const Loomy::Deserializer &deserializer, const QByteArray &wire)
 {
-    const Loomy::Deserializer deserializer = registry.createDeserializer(typeId, attribute);
-    if (!deserializer)
-        throw std::logic_error("no deserializer");
-    Loomy::BundleReaderCore reader(bytes);
+    Loomy::BundleReaderCore reader(wire);
     deserializer(reader);
     return reader.position();
+}
+
+inline unsigned deserialize(const Loomy::TypeRegistry &registry, unsigned typeId, Tamarack::Attribute *attribute,
+                            const QByteArray &wire)
+{
+    return feed(registry.createDeserializer(typeId, attribute), wire);
 }
 
 // Counts the CHANGE_ROLE emissions of one attribute.
@@ -56,13 +46,3 @@ struct ChangeCounter
     }
     int count = 0;
 };
-
-namespace {
-// Table rows print as their name. In the unnamed namespace, where the test files keep their
-// tables, so that gtest's printer finds it by argument-dependent lookup.
-template <typename Case>
-auto operator<<(std::ostream &os, const Case &row) -> decltype(std::string(row.name), os)
-{
-    return os << row.name;
-}
-} // namespace

@@ -5,7 +5,6 @@
 using namespace Loomy;
 
 namespace {
-
 using Results = std::vector<std::string>;
 
 // What each string reader makes of `wire`: member string, text, binary and the free string, each
@@ -28,10 +27,10 @@ Results readEach(const QByteArray &wire, unsigned maxLength = BundleReaderCore::
             result([&] { r3.readBinary(bytes, maxLength); return at(bytes, r3.position()); }),
             result([&] { text = readString(r4); return at(text.toUtf8(), r4.position() - 16); })};
 }
-
 } // namespace
 
-TEST(BundleReaderCore, ReadReturnsPointerIntoArrayAndStepsRoundedUpToFour)
+// Reads return a pointer into the array and step rounded up to 4; typed reads copy memory order.
+TEST(BundleReaderCore, ReadsPointIntoTheArrayAndKeepAlignment)
 {
     const QByteArray data(12, 'x');
     for (const auto &step : {std::pair<unsigned, unsigned>{0, 0}, {1, 4}, {3, 4}, {4, 4}, {5, 8}, {8, 8}}) {
@@ -39,13 +38,9 @@ TEST(BundleReaderCore, ReadReturnsPointerIntoArrayAndStepsRoundedUpToFour)
         EXPECT_EQ(reader.read(step.first), data.constData() + 4) << step.first;
         EXPECT_EQ(reader.position(), 4 + step.second) << step.first;
     }
-}
-
-TEST(BundleReaderCore, TypedReadsCopyMemoryOrderAndKeepAlignment)
-{
-    const QByteArray data = unhex("04030201 0807060504030201 0a000000 0b000000 0c000000 0d000000"
-                                  "01000000 02000000 03000000 414243ff");
-    BundleReaderCore reader(data);
+    const QByteArray typed = unhex("04030201 0807060504030201 0a000000 0b000000 0c000000 0d000000"
+                                   "01000000 02000000 03000000 414243ff");
+    BundleReaderCore reader(typed);
     EXPECT_EQ(reader.read<quint32>(), 0x01020304u);
     EXPECT_EQ(reader.read<quint64>(), 0x0102030405060708ull);
     EXPECT_EQ(reader.read<Plain16>().d, 13u);
@@ -71,9 +66,8 @@ TEST(BundleReaderCore, ReadThrowsOnlyWhenTheBytesAreNotAllInside)
     }
 }
 
-// Each row: wire, maxLength, then what the member string, text, binary and free string reads make
-// of it ("bytes @ end"), or what they throw. Padding is not checked. The free string stops at a zero
-// byte, yet steps over the whole length. Lengths whose sum with the position wraps fail as overruns.
+// Padding is not checked; the free string stops at a zero byte, yet steps over the whole length;
+// lengths whose sum with the position wraps fail as overruns.
 TEST(BundleReader, StringsDecodeExactBytesInEveryFormAndRefuseBadLengths)
 {
     const std::string tooLong = "invalid_argument: BundleReaderCore::readString # too many characters";
@@ -94,11 +88,7 @@ TEST(BundleReader, StringsDecodeExactBytesInEveryFormAndRefuseBadLengths)
     };
     for (const auto &c : cases)
         EXPECT_EQ(readEach(unhex(std::get<0>(c)), std::get<1>(c)), std::get<2>(c)) << std::get<0>(c);
-}
-
-// Prefixes that lack some of the string's bytes fail, those that lack only padding pass.
-TEST(BundleReader, EveryTruncatedStringPrefixThrowsInEveryReader)
-{
+    // Prefixes that lack some of the string's bytes fail, those that lack only padding pass.
     const QByteArray wire = unhex("05000000 6162636465 000000");
     for (int len = 0; len < wire.size(); ++len)
         EXPECT_EQ(readEach(wire.left(len)), Results(4, len < 9 ? s_readPastEnd : "61 62 63 64 65 @12")) << len;

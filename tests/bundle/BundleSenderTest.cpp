@@ -9,11 +9,7 @@ TEST(BundleSender, InitSenderLooksUpTheSymbolTypeBeforeInitialize)
 {
     struct ProbeSender : WordSender
     {
-        void initialize(BundleDispatcher &dispatcher) override
-        {
-            seen = symbolMessageType();
-            WordSender::initialize(dispatcher);
-        }
+        void initialize(BundleDispatcher &d) override { seen = symbolMessageType(); WordSender::initialize(d); }
         unsigned seen = 0;
     };
     BundleDispatcher dispatcher;

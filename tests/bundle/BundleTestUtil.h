@@ -12,7 +12,6 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -32,12 +31,11 @@ template <typename F> std::string thrown(F &&f)
 {
     try {
         f();
-    } catch (const std::invalid_argument &e) {
-        return std::string("invalid_argument: ") + e.what();
-    } catch (const std::out_of_range &e) {
-        return std::string("out_of_range: ") + e.what();
     } catch (const std::exception &e) {
-        return std::string("other: ") + e.what();
+        const char *kind = dynamic_cast<const std::invalid_argument *>(&e) ? "invalid_argument: "
+                           : dynamic_cast<const std::out_of_range *>(&e)   ? "out_of_range: "
+                                                                           : "other: ";
+        return kind + std::string(e.what());
     }
     return "nothing thrown";
 }
@@ -46,8 +44,7 @@ inline const std::string s_writePastEnd = "out_of_range: BundleWriterCore::write
 inline const QString s_info = QStringLiteral("info application=Loomy version=2.14.4");
 inline const QString s_loaded = QStringLiteral(" description=Module loaded successfully");
 
-// The records of a handshake bundle as "command [number] fields... key=value...", e.g.
-// "ok load-module Test.A description=Module loaded successfully". Checks each record's size.
+// The records of a handshake bundle as "command [number] fields... key=value..."; checks their sizes.
 inline QStringList handshakeRecords(const Loomy::Bundle &bundle)
 {
     QStringList records;
@@ -83,23 +80,13 @@ inline QStringList describe(const std::vector<Loomy::Bundle> &bundles)
     return lines;
 }
 
-// One collection of `sender` alone, ids counted on from `nextId`.
-inline std::vector<Loomy::Bundle> collect(Loomy::BundleSender &sender, unsigned &nextId, unsigned ackId)
-{
-    std::vector<Loomy::Bundle> bundles;
-    Loomy::BundleOutput output(bundles, nextId, ackId);
-    sender.writeUpdates(output);
-    return bundles;
-}
-
-inline const std::thread::id s_mainThread = std::this_thread::get_id();
 const quint32 s_badWord = 0xbad;
 
 // One bundle of its module per queued word. Frame thread only.
 struct WordSender : Loomy::BundleSender
 {
     explicit WordSender(const QByteArray &module = "Test.Words") : module(module) {}
-    void initialize(Loomy::BundleDispatcher &dispatcher) override { type = dispatcher.lookupOrRegisterMessageType(module); }
+    void initialize(Loomy::BundleDispatcher &d) override { type = d.lookupOrRegisterMessageType(module); }
     void writeUpdates(Loomy::BundleOutput &output) override
     {
         for (quint32 word : std::exchange(queued, {})) {
@@ -122,7 +109,6 @@ struct WordReceiver : Loomy::BundleReceiver
     void handleBundle(Loomy::BundleReader &reader) override
     {
         words.push_back(reader.read<quint32>());
-        onMainThread = onMainThread && std::this_thread::get_id() == s_mainThread;
         if (words.back() == s_badWord)
             throw std::invalid_argument("bad word");
     }
@@ -135,5 +121,4 @@ struct WordReceiver : Loomy::BundleReceiver
     bool failInit;
     std::vector<quint32> words;
     std::vector<QMap<QString, QString>> configs;
-    bool onMainThread = true;
 };

@@ -8,7 +8,6 @@
 using namespace Loomy;
 
 namespace {
-
 const QByteArray s_unknownRecord = unhex("10000000 05000000 68656c6c6f 000000 deadbeef");  // "hello" + 4 bytes
 const int s_infoSize = 68;  // the peer's "info" record, which ends in 2 bytes of padding
 
@@ -27,63 +26,54 @@ protected:
     {
         HandshakeSender peer;
         write(peer);
+        std::vector<Bundle> bundles;
         unsigned nextId = 1;
-        return collect(peer, nextId, 0).at(0).data().mid(16);
+        BundleOutput output(bundles, nextId, 0);
+        peer.writeUpdates(output);
+        return bundles.at(0).data().mid(16);
     }
-
     TraceCapture trace;
     BundleDispatcher dispatcher;
     HandshakeReceiver receiver{dispatcher};
 };
-
 } // namespace
 
-// An unknown command is skipped by its record size; "info" and "ok" are stepped over silently;
-// "error" is logged with its map in key order, not in the order of the wire.
-TEST_F(HandshakeReceiverTest, OnlyUnknownCommandsAndErrorsAreLoggedAndNothingIsAnswered)
+// Unknown commands are skipped by record size, "info" and "ok" silently; "error" logs its map in key
+// order, not wire order; the "load-module" records bind with their config and share one answer.
+TEST_F(HandshakeReceiverTest, HandlesEveryRecordOfABundleInOrder)
 {
+    auto a = std::make_shared<WordReceiver>("Test.A"), b = std::make_shared<WordReceiver>("Test.B");
+    dispatcher.preloadReceiver(a);
+    dispatcher.preloadReceiver(b);
     handle(s_unknownRecord
            + peerBody([](HandshakeSender &peer) { peer.sendOk("load-module", "M", "Module loaded successfully"); })
            + unhex("5c000000 05000000 6572726f72 000000 0b000000 6c6f61642d6d6f64756c65 00 01000000 4d 000000"
                    "02000000 01000000 7a 000000 04000000 6c617374"
-                   "0b000000 6465736372697074696f6e 00 10000000 4d6f64756c65206e6f7420666f756e64"));
+                   "0b000000 6465736372697074696f6e 00 10000000 4d6f64756c65206e6f7420666f756e64"
+                   "24000000 0b000000 6c6f61642d6d6f64756c65 00 07000000 06000000 546573742e42 0000 00000000"
+                   "34000000 0b000000 6c6f61642d6d6f64756c65 00 08000000 06000000 546573742e41 0000"
+                   "01000000 01000000 6b000000 01000000 76000000"));
     EXPECT_EQ(trace.lines(), (QStringList{"HandshakeReceiver::handleBundle # Unknown command 'hello'",
                                           "HandshakeReceiver::handleBundle # error, command: load-module, module: M, "
                                           "additional info: description: Module not found, z: last"}));
-    EXPECT_TRUE(dispatcher.collectUpdates().empty());
+    EXPECT_EQ(describe(dispatcher.collectUpdates()),
+              QStringList{"0 2 0: ok load-module Test.B" + s_loaded + " | ok load-module Test.A" + s_loaded});
+    EXPECT_EQ(a->configs, (std::vector<QMap<QString, QString>>{{{"k", "v"}}}));
 }
 
-TEST_F(HandshakeReceiverTest, RecordSizeSmallerThanItsCommandOrPastTheEndThrows)
+// A record size smaller than its command, or reaching past the end, throws. So does every prefix
+// that lacks a byte of a record other than its last padding, and only with the reader's exception.
+TEST_F(HandshakeReceiverTest, BadRecordSizesAndEveryTruncatedRecordPrefixThrow)
 {
     const std::string corrupted = "out_of_range: HandshakeReceiver::handleBundle # Corrupted message";
-    const std::pair<const char *, std::string> cases[] = {
+    const std::pair<const char *, std::string> sizes[] = {
         {"08000000 05000000 68656c6c6f 000000", corrupted},
         {"0b000000 05000000 68656c6c6f 000000 00000000", corrupted},
         {"11000000 05000000 68656c6c6f 000000 deadbeef", s_readPastEnd},
         {"ffffffff 05000000 68656c6c6f 000000 deadbeef", s_readPastEnd},
     };
-    for (const auto &c : cases)
+    for (const auto &c : sizes)
         EXPECT_EQ(thrown([&] { handle(unhex(c.first)); }), c.second) << c.first;
-}
-
-TEST_F(HandshakeReceiverTest, TwoLoadModulesInOneBundleShareTheAnswerBundle)
-{
-    auto a = std::make_shared<WordReceiver>("Test.A"), b = std::make_shared<WordReceiver>("Test.B");
-    dispatcher.preloadReceiver(a);
-    dispatcher.preloadReceiver(b);
-    handle(unhex("24000000 0b000000 6c6f61642d6d6f64756c65 00 07000000 06000000 546573742e42 0000 00000000"
-                 "34000000 0b000000 6c6f61642d6d6f64756c65 00 08000000 06000000 546573742e41 0000"
-                 "01000000 01000000 6b000000 01000000 76000000"));
-    EXPECT_EQ(describe(dispatcher.collectUpdates()),
-              QStringList{"0 2 0: ok load-module Test.B" + s_loaded + " | ok load-module Test.A" + s_loaded});
-    EXPECT_EQ(a->configs, (std::vector<QMap<QString, QString>>{{{"k", "v"}}}));
-    EXPECT_EQ(b->configs.size(), 1u);
-}
-
-// Every prefix that lacks a byte of a record other than its last padding throws, and only the
-// reader's exception; none reads outside the bundle.
-TEST_F(HandshakeReceiverTest, EveryTruncatedRecordPrefixThrows)
-{
     const QByteArray infoAndLoad = peerBody([](HandshakeSender &peer) { peer.registerMessageType("Test.Name"); });
     struct Case { const char *name; QByteArray record; int padding; };
     const Case cases[] = {

@@ -7,9 +7,7 @@
 using namespace Loomy;
 
 namespace {
-
-// What handling `body` threw; then how many names the registry holds, and each symbol of these
-// tests that it defines both ways, as "symbol=percent-encoded name".
+// What handling `body` threw, the count of names, and each test symbol defined both ways, as "n=name".
 std::string receive(const QByteArray &body)
 {
     Kestrel::SymbolRegistry registry;
@@ -25,7 +23,6 @@ std::string receive(const QByteArray &body)
     }
     return out;
 }
-
 } // namespace
 
 TEST(SymbolRegistryReceiver, DefinesNamesFromExactBytes)
@@ -36,20 +33,19 @@ TEST(SymbolRegistryReceiver, DefinesNamesFromExactBytes)
         {"03000000 05000000 6162636465 000000 04000000 01000000 7a 000000", "nothing thrown; 2 3=abcde 4=z"},
         {"09000000 04000000 612f6263 0a000000 02000000 6464 0000", "nothing thrown; 2 9=a%2Fbc 10=dd"},
         {"05000000 03000000 610062 00", "nothing thrown; 1 5=a%00b"},
-        {"e8030000 01000000 78 000000 02000000 01000000 79 000000", "nothing thrown; 2 2=y 1000=x"},  // the peer's numbers
+        {"e8030000 01000000 78 000000 02000000 01000000 79 000000", "nothing thrown; 2 2=y 1000=x"},  // any numbers
     };
     for (const auto &c : cases)
         EXPECT_EQ(receive(unhex(c.first)), c.second) << c.first;
 }
 
-// A cut anywhere before the end of the second name throws and keeps the first entry; a cut in
-// the padding alone still defines the name, as only the name's bytes are checked. A hostile
-// length throws before any byte outside the bundle is read.
+// A cut before the end of the second name throws and keeps the first entry; a cut in its padding
+// alone does not. A hostile length throws before any byte outside the bundle is read.
 TEST(SymbolRegistryReceiver, TruncatedOrHostileEntryThrowsAndKeepsEarlierEntries)
 {
-    const QByteArray first = unhex("01000000 02000000 6869 0000"), second = unhex("02000000 05000000 6162636465 000000");
+    const QByteArray second = unhex("02000000 05000000 6162636465 000000");
     for (int cut = 1; cut < second.size(); ++cut)
-        EXPECT_EQ(receive(first + second.left(cut)),
+        EXPECT_EQ(receive(unhex("01000000 02000000 6869 0000") + second.left(cut)),
                   cut < 13 ? s_readPastEnd + "; 1 1=hi" : "nothing thrown; 2 1=hi 2=abcde") << cut;
     for (const char *length : {"fcffffff", "ffffffff", "00000080"})
         EXPECT_EQ(receive(unhex("01000000") + unhex(length) + unhex("61626364")), s_readPastEnd + "; 0") << length;

@@ -1,113 +1,52 @@
 #include "kestrel/Condition.h"
 
 #include "kestrel/Mutex.h"
+#include "KestrelTestUtil.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
-#include <thread>
+#include <vector>
 
 using Kestrel::Condition;
 using Kestrel::Mutex;
+using Kestrel::MutexLocker;
 
-namespace {
-
-bool heldElsewhere(Mutex &mutex)
+// A timed-out wait comes back false holding the mutex. Three waiters can only all count themselves
+// if wait() releases it meanwhile.
+TEST(Condition, TimeOutComesBackWithTheMutexHeldAndWakeAllWakesEveryWaiter)
 {
-    return std::async(std::launch::async, [&] {
-               if (!mutex.tryLock())
-                   return true;
-               mutex.unlock();
-               return false;
-           }).get();
-}
-
-} // namespace
-
-class ConditionTimeout : public ::testing::TestWithParam<bool>
-{
-};
-
-TEST_P(ConditionTimeout, ComesBackFalseWithTheMutexHeld)
-{
-    Mutex mutex(GetParam());
-    Condition condition;
-    mutex.lock();
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(condition.wait(mutex, 50));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
-    EXPECT_TRUE(heldElsewhere(mutex));
-    mutex.unlock();
-    EXPECT_FALSE(heldElsewhere(mutex));
-}
-
-INSTANTIATE_TEST_SUITE_P(Kinds, ConditionTimeout, ::testing::Values(false, true),
-                         [](const auto &info) { return info.param ? "Recursive" : "Plain"; });
-
-TEST(Condition, ZeroTimeoutReturnsAtOnce)
-{
-    Mutex mutex;
-    Condition condition;
-    mutex.lock();
-    EXPECT_FALSE(condition.wait(mutex, 0));
-    mutex.unlock();
-}
-
-TEST(Condition, WaitReleasesTheMutexMeanwhile)
-{
-    Mutex mutex(true);
-    Condition condition;
-    bool flag = false;
-    auto waiter = std::async(std::launch::async, [&] {
+    for (bool recursive : {false, true}) {
+        SCOPED_TRACE(recursive ? "recursive, wakeAll(mutex)" : "plain, wakeAll() under the mutex");
+        Mutex mutex(recursive);
+        Condition condition;
         mutex.lock();
-        while (!flag)
-            condition.wait(mutex, 10000);
+        EXPECT_FALSE(condition.wait(mutex, 0));
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_FALSE(condition.wait(mutex, 50));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
+        EXPECT_TRUE(heldElsewhere(mutex));
         mutex.unlock();
-        return true;
-    });
-    // The waiter holds the mutex only outside wait(), so this lock can't block for long.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    mutex.lock();
-    flag = true;
-    mutex.unlock();
-    condition.wakeAll(mutex);
-    ASSERT_EQ(waiter.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-    EXPECT_TRUE(waiter.get());
-}
-
-TEST(Condition, WakeAllWakesEveryWaiter)
-{
-    Mutex mutex;
-    Condition condition;
-    int waiting = 0;
-    bool go = false;
-    std::vector<std::future<bool>> waiters;
-    for (int i = 0; i < 3; ++i) {
-        waiters.push_back(std::async(std::launch::async, [&] {
-            mutex.lock();
-            ++waiting;
-            bool woken = true;
-            while (!go && woken)
-                woken = condition.wait(mutex, 10000);
-            mutex.unlock();
-            return woken;
-        }));
-    }
-    for (int spins = 0; spins < 1000; ++spins) {
+        int waiting = 0;
+        bool go = false;
+        std::vector<std::future<bool>> waiters;
+        for (int i = 0; i < 3; ++i)
+            waiters.push_back(std::async(std::launch::async, [&] {
+                MutexLocker locker(mutex);
+                ++waiting;
+                bool woken = true;
+                while (!go && woken)
+                    woken = condition.wait(mutex, 10000);
+                return woken;
+            }));
+        ASSERT_TRUE(eventually([&] { MutexLocker locker(mutex); return waiting == 3; }));
         mutex.lock();
-        const bool all = waiting == 3;
+        go = true;
+        if (!recursive)
+            condition.wakeAll();
         mutex.unlock();
-        if (all)
-            break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    mutex.lock();
-    go = true;
-    condition.wakeAll();
-    mutex.unlock();
-    for (auto &w : waiters) {
-        ASSERT_EQ(w.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-        EXPECT_TRUE(w.get()) << "a waiter timed out instead of being woken";
+        if (recursive)
+            condition.wakeAll(mutex);
+        for (auto &w : waiters)
+            EXPECT_TRUE(ready(w) && w.get()) << "a waiter timed out instead of being woken";
     }
 }

@@ -8,68 +8,47 @@
 #include <QDir>
 #include <QTemporaryDir>
 
-#include <cstdlib>
-
 namespace {
 
-// Sets or unsets environment variables for one test and restores them afterwards.
-class ScopedEnv
+// Sets (or, for a null value, unsets) an environment variable for one scope.
+struct ScopedEnv
 {
-public:
-    ScopedEnv(const char *name, const char *value) : m_name(name), m_had(qEnvironmentVariableIsSet(name)), m_old(qgetenv(name))
+    ScopedEnv(const char *name, const char *value) : name(name), had(qEnvironmentVariableIsSet(name)), old(qgetenv(name))
     {
-        if (value)
-            qputenv(name, value);
-        else
-            qunsetenv(name);
+        value ? qputenv(name, value) : qunsetenv(name);
     }
-    ~ScopedEnv()
-    {
-        if (m_had)
-            qputenv(m_name, m_old);
-        else
-            qunsetenv(m_name);
-    }
-
-private:
-    const char *m_name;
-    bool m_had;
-    QByteArray m_old;
+    ~ScopedEnv() { had ? qputenv(name, old) : qunsetenv(name); }
+    const char *name;
+    const bool had;
+    const QByteArray old;
 };
 
 } // namespace
 
-TEST(PlatformUtils, UserDataPathFollowsXdgDataHome)
-{
-    ScopedEnv xdg("XDG_DATA_HOME", "/data/home");
-    ScopedEnv home("HOME", "/users/me");
-    EXPECT_EQ(Kestrel::PlatformUtils::getModuleUserDataPath("Module", false), "/data/home/Module");
-}
+using namespace Kestrel::PlatformUtils;
 
-TEST(PlatformUtils, UserDataPathFallsBackToHome)
-{
-    ScopedEnv home("HOME", "/users/me");
-    for (const char *xdg : {static_cast<const char *>(nullptr), ""}) {
-        ScopedEnv unset("XDG_DATA_HOME", xdg);
-        EXPECT_EQ(Kestrel::PlatformUtils::getModuleUserDataPath("Module", false), "/users/me/.local/share/Module");
-    }
-}
-
-TEST(PlatformUtils, CreateMakesTheFolderOnlyWhenAsked)
+TEST(PlatformUtils, UserDataPathIsUnderXdgDataHomeOrElseHomeAndIsMadeOnlyWhenAsked)
 {
     QTemporaryDir root;
     ASSERT_TRUE(root.isValid());
-    ScopedEnv xdg("XDG_DATA_HOME", qPrintable(root.path() + "/nested"));
-    const QString path = Kestrel::PlatformUtils::getModuleUserDataPath("Module", false);
+    const QString base = root.path();
+    ScopedEnv home("HOME", qPrintable(base + "/home"));
+    for (const char *xdg : {static_cast<const char *>(nullptr), ""}) {
+        ScopedEnv unset("XDG_DATA_HOME", xdg);
+        EXPECT_EQ(getModuleUserDataPath("Module", false), base + "/home/.local/share/Module") << (xdg ? "empty" : "unset");
+    }
+    ScopedEnv xdg("XDG_DATA_HOME", qPrintable(base + "/data"));
+    const QString path = getModuleUserDataPath("Module", false);
+    EXPECT_EQ(path, base + "/data/Module");
     EXPECT_FALSE(QDir(path).exists());
-    EXPECT_EQ(Kestrel::PlatformUtils::getModuleUserDataPath("Module", true), path);
+    EXPECT_EQ(getModuleUserDataPath("Module", true), path);
     EXPECT_TRUE(QDir(path).exists());
 }
 
 TEST(PlatformUtils, FirewallRequestOnlyLogs)
 {
     TraceCapture trace;
-    EXPECT_TRUE(Kestrel::PlatformUtils::openFirewallPortTCP(5000, "Loomy server"));
+    EXPECT_TRUE(openFirewallPortTCP(5000, "Loomy server"));
     EXPECT_EQ(trace.lines(Kestrel::Trace::Level::Debug),
               QStringList{"PlatformUtils::openFirewallPortTCP # No firewall to configure for port 5000 (Loomy server)"});
 }

@@ -1,0 +1,34 @@
+#pragma once
+#include "kestrel/Mutex.h"
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <thread>
+
+// How long a threaded test waits for what should happen at once: reached only when it fails.
+const auto s_patience = std::chrono::seconds(10);
+
+inline bool eventually(const std::function<bool()> &condition)
+{
+    for (const auto deadline = std::chrono::steady_clock::now() + s_patience; !condition();) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+template <typename Future>
+bool ready(const Future &future) { return future.wait_for(s_patience) == std::future_status::ready; }
+
+// True when another thread can't take the mutex right now.
+inline bool heldElsewhere(Kestrel::Mutex &mutex)
+{
+    return std::async(std::launch::async, [&] {
+               const bool taken = mutex.tryLock();
+               if (taken)
+                   mutex.unlock();
+               return !taken;
+           }).get();
+}

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ostream>
-#include <string>
 #include <vector>
 
 using namespace Loomy;
@@ -21,43 +19,26 @@ namespace {
 
 using Events = std::vector<NodeWatcher::Event>;
 using Changes = std::vector<ChangeData>;
+const unsigned A = 7, B = 9, C = 11;
 
-const unsigned A = 7;
-const unsigned B = 9;
+NodeWatcher::Event added(unsigned s) { return {NodeWatcher::ATTRIBUTE_ADDED, s}; }
+NodeWatcher::Event removed(unsigned s) { return {NodeWatcher::ATTRIBUTE_REMOVED, s}; }
+NodeWatcher::Event changed(unsigned s) { return {NodeWatcher::ATTRIBUTE_CHANGED, s}; }
+ChangeData addedOut(unsigned s, bool sendValue) { return {NodeWatcher::ATTRIBUTE_ADDED, s, sendValue}; }
+ChangeData removedOut(unsigned s) { return {NodeWatcher::ATTRIBUTE_REMOVED, s, false}; }
+ChangeData changedOut(unsigned s) { return {NodeWatcher::ATTRIBUTE_CHANGED, s, false}; }
 
-NodeWatcher::Event added(unsigned symbol) { return {NodeWatcher::ATTRIBUTE_ADDED, symbol}; }
-NodeWatcher::Event removed(unsigned symbol) { return {NodeWatcher::ATTRIBUTE_REMOVED, symbol}; }
-NodeWatcher::Event changed(unsigned symbol) { return {NodeWatcher::ATTRIBUTE_CHANGED, symbol}; }
-
-ChangeData addedOut(unsigned symbol, bool sendValue) { return {NodeWatcher::ATTRIBUTE_ADDED, symbol, sendValue}; }
-ChangeData removedOut(unsigned symbol) { return {NodeWatcher::ATTRIBUTE_REMOVED, symbol, false}; }
-ChangeData changedOut(unsigned symbol) { return {NodeWatcher::ATTRIBUTE_CHANGED, symbol, false}; }
-
-Changes compress(const Events &events)
-{
-    AttributeChangeCompressor compressor;
-    Changes result;
-    compressor.compress(events, result);
-    return result;
-}
-
-// One symbol, events in time order.
-struct CompressCase
-{
-    const char *name;
-    Events events;
-    Changes expected;
-};
-
+struct CompressCase { const char *name; Events events; Changes expected; };
 const CompressCase s_cases[] = {
+    {"Nothing", {}, {}},
     {"ChangedThrice", {changed(A), changed(A), changed(A)}, {changedOut(A)}},
+    {"Added", {added(A)}, {addedOut(A, false)}},
     {"AddedChanged", {added(A), changed(A)}, {addedOut(A, true)}},
     {"AddedChangedTwice", {added(A), changed(A), changed(A)}, {addedOut(A, true)}},
-    {"Added", {added(A)}, {addedOut(A, false)}},
     {"AddedRemoved", {added(A), removed(A)}, {}},
     {"AddedChangedRemoved", {added(A), changed(A), removed(A)}, {}},
-    {"ChangedRemoved", {changed(A), removed(A)}, {removedOut(A)}},
     {"Removed", {removed(A)}, {removedOut(A)}},
+    {"ChangedRemoved", {changed(A), removed(A)}, {removedOut(A)}},
     {"RemovedAdded", {removed(A), added(A)}, {removedOut(A), addedOut(A, false)}},
     {"RemovedAddedChanged", {removed(A), added(A), changed(A)}, {removedOut(A), addedOut(A, true)}},
     {"AddedRemovedAdded", {added(A), removed(A), added(A)}, {addedOut(A, false)}},
@@ -68,86 +49,63 @@ const CompressCase s_cases[] = {
     // Only changes are reduced to one: a duplicate addition stays, with the same flag.
     {"AddedTwice", {added(A), added(A)}, {addedOut(A, false), addedOut(A, false)}},
     {"AddedTwiceChanged", {added(A), added(A), changed(A)}, {addedOut(A, true), addedOut(A, true)}},
-    {"Nothing", {}, {}},
+    {"ThousandChanges", Events(1000, changed(A)), {changedOut(A)}},
+    // A change takes the place of its symbol's last event; an addition keeps its own place.
+    {"ChangeMovesToItsLastEvent", {changed(A), changed(B), changed(A)}, {changedOut(B), changedOut(A)}},
+    {"ChangeFoldsIntoAnEarlierAddition", {added(A), changed(B), changed(A)}, {addedOut(A, true), changedOut(B)}},
+    {"RemovalTakesOnlyItsOwnAddition", {added(A), added(B), removed(A), changed(B)}, {addedOut(B, true)}},
+    {"AdditionOfAnotherSymbolKeepsTheRemoval", {added(B), removed(A)}, {addedOut(B, false), removedOut(A)}},
+    {"ChangeOfAnotherSymbolKeepsTheRemoval", {added(A), changed(B), removed(B)}, {addedOut(A, false), removedOut(B)}},
+    {"NodeEventsPassInPlace",
+     {{NodeWatcher::NODE_ADDED, B}, changed(A), {NodeWatcher::NODE_ADDED, B}, {NodeWatcher::NODE_REMOVED, B}},
+     {{NodeWatcher::NODE_ADDED, B, false}, changedOut(A), {NodeWatcher::NODE_ADDED, B, false}, {NodeWatcher::NODE_REMOVED, B, false}}},
 };
 
-class CompressTable : public ::testing::TestWithParam<CompressCase> {};
+class CompressTable : public ::testing::TestWithParam<CompressCase>
+{
+protected:
+    Changes compress(const Events &events)
+    {
+        Changes result{removedOut(C)}; // an old result is replaced
+        compressor.compress(events, result);
+        return result;
+    }
+    AttributeChangeCompressor compressor;
+};
 
 TEST_P(CompressTable, GivesTheShortestEquivalentList)
 {
     EXPECT_EQ(compress(GetParam().events), GetParam().expected);
 }
 
-// The same rows with an unrelated symbol around them: other symbols neither disturb the result
-// nor get lost, and keep the place of their last event.
-TEST_P(CompressTable, IsUndisturbedByAnotherSymbol)
+// The same rows with an unrelated symbol around them, through a compressor that has worked before:
+// nothing of the earlier call shows, and the other symbol keeps the place of its last event.
+TEST_P(CompressTable, IsUndisturbedByAnotherSymbolAndAnEarlierCall)
 {
-    Events events{changed(B)};
+    compress({added(A), added(B), changed(C)});
+    Events events{changed(C)};
     events.insert(events.end(), GetParam().events.begin(), GetParam().events.end());
-    events.push_back(changed(B));
+    events.push_back(changed(C));
     Changes expected = GetParam().expected;
-    expected.push_back(changedOut(B));
+    expected.push_back(changedOut(C));
     EXPECT_EQ(compress(events), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(OneSymbol, CompressTable, ::testing::ValuesIn(s_cases),
+INSTANTIATE_TEST_SUITE_P(Rows, CompressTable, ::testing::ValuesIn(s_cases),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST(AttributeChangeCompressor, EmptyInputClearsAnOldResult)
+// Reused from update to update, it keeps the capacity of its scratch list.
+TEST(AttributeChangeCompressor, KeepsTheCapacityOfItsScratchList)
 {
     AttributeChangeCompressor compressor;
-    Changes result{changedOut(A), removedOut(B)};
-    compressor.compress({}, result);
-    EXPECT_TRUE(result.empty());
-}
-
-TEST(AttributeChangeCompressor, ThousandChangesGiveOne)
-{
-    EXPECT_EQ(compress(Events(1000, changed(A))), Changes{changedOut(A)});
-}
-
-TEST(AttributeChangeCompressor, ChangeTakesThePlaceOfItsLastEvent)
-{
-    EXPECT_EQ(compress({changed(A), changed(B), changed(A)}), (Changes{changedOut(B), changedOut(A)}));
-    EXPECT_EQ(compress({added(A), changed(B), changed(A)}), (Changes{addedOut(A, true), changedOut(B)}));
-    EXPECT_EQ(compress({added(A), added(B), removed(A), changed(B)}), (Changes{addedOut(B, true)}));
-}
-
-// A removal looks back for an addition of its own symbol only.
-TEST(AttributeChangeCompressor, AdditionOfAnotherSymbolKeepsTheRemoval)
-{
-    EXPECT_EQ(compress({added(B), removed(A)}), (Changes{addedOut(B, false), removedOut(A)}));
-    EXPECT_EQ(compress({added(A), changed(B), removed(B)}), (Changes{addedOut(A, false), removedOut(B)}));
-}
-
-TEST(AttributeChangeCompressor, OtherEventTypesPassInPlace)
-{
-    const NodeWatcher::Event nodeAdded{NodeWatcher::NODE_ADDED, B};
-    const NodeWatcher::Event nodeRemoved{NodeWatcher::NODE_REMOVED, B};
-    EXPECT_EQ(compress({nodeAdded, changed(A), nodeAdded, nodeRemoved}),
-              (Changes{{NodeWatcher::NODE_ADDED, B, false}, changedOut(A), {NodeWatcher::NODE_ADDED, B, false},
-                       {NodeWatcher::NODE_REMOVED, B, false}}));
-}
-
-// The compressor is reused from update to update: nothing of one call shows in the next.
-TEST(AttributeChangeCompressor, KeepsNothingButScratchCapacity)
-{
-    AttributeChangeCompressor compressor;
-    Changes result;
     Events many;
     for (unsigned symbol = 1; symbol <= 200; ++symbol)
         many.push_back(changed(symbol));
+    Changes result;
     compressor.compress(many, result);
-    EXPECT_EQ(result.size(), 200u);
     const std::size_t capacity = compressor.scratchCapacity();
     EXPECT_GE(capacity, 200u);
-
-    compressor.compress({added(A)}, result);
-    EXPECT_EQ(result, Changes{addedOut(A, false)});
-    compressor.compress({changed(A)}, result);
-    EXPECT_EQ(result, Changes{changedOut(A)}); // the earlier addition doesn't absorb it
     compressor.compress({removed(B)}, result);
-    EXPECT_EQ(result, Changes{removedOut(B)});
     EXPECT_EQ(compressor.scratchCapacity(), capacity);
 }
 

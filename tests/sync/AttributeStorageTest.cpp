@@ -1,183 +1,101 @@
-#include "loomy/sync/AttributeStorage.h"
-
-#include "loomy/bundle/BundleReader.h"
-#include "loomy/sync/RemoteNode.h"
-
-#include "common/TraceCapture.h"
-#include "kestrel/SymbolRegistry.h"
-#include "tamarack/AttributeT.h"
-
-#include <gtest/gtest.h>
+#include "SyncTestUtil.h"
 
 #include <stdexcept>
-#include <string>
 
-using Loomy::AttributeStorage;
-using Loomy::BundleReaderCore;
 using Loomy::LoomySessionAttribute;
-using Loomy::RemoteNode;
-using Tamarack::Node;
 
 namespace {
 
+// No session here: the storage holds only the records a test creates.
 class AttributeStorageTest : public ::testing::Test
 {
 protected:
     template <typename T>
-    Tamarack::AttributeT<T> *add(const QByteArray &path, const T &value)
+    void add(const QByteArray &path, const T &value)
     {
         auto *attribute = new Tamarack::AttributeT<T>;
         attribute->setValue(value);
         EXPECT_TRUE(node.addDeepAttribute(path, attribute));
-        node.update();
-        return attribute;
-    }
-    std::string dump()
-    {
-        testing::internal::CaptureStdout();
-        storage.debugDump();
-        std::fflush(stdout);
-        return testing::internal::GetCapturedStdout();
     }
 
-    Node app;
-    RemoteNode &node = *new RemoteNode(&app, "remote");
-    AttributeStorage storage{node};
     TraceCapture trace;
+    Tamarack::Node app;
+    Loomy::RemoteNode &node = *new Loomy::RemoteNode(&app, "remote");
+    Loomy::AttributeStorage storage{node};
 };
 
-TEST_F(AttributeStorageTest, NewStorageFindsNothing)
-{
-    EXPECT_EQ(storage.findByReadSymbol(0), nullptr);
-    EXPECT_EQ(storage.findByWriteSymbol(0), nullptr);
-    EXPECT_EQ(storage.findByName(""), nullptr);
-}
-
-TEST_F(AttributeStorageTest, CreateTakesTheNodesSymbolOrDefinesOne)
+// A record takes the node's symbol for its path, or defines one; read symbols are the peer's only.
+// A clash of read symbols keeps the earlier record; one record may stand under two.
+TEST_F(AttributeStorageTest, SymbolsAndTheirClash)
 {
     add("known", 1);
-    const unsigned known = node.symbols().lookup("known");
-    ASSERT_NE(known, 0u);
-    LoomySessionAttribute *first = storage.create("known");
-    EXPECT_EQ(first->writeSymbol, known);
-
-    ASSERT_EQ(node.symbols().lookup("fresh"), 0u);
-    LoomySessionAttribute *second = storage.create("fresh");
-    EXPECT_NE(second->writeSymbol, 0u);
-    EXPECT_EQ(node.symbols().lookup("fresh"), second->writeSymbol);
-    EXPECT_EQ(node.symbols().name(second->writeSymbol), QByteArray("fresh"));
-
-    EXPECT_EQ(storage.findByName("fresh"), second);
-    EXPECT_EQ(storage.findByWriteSymbol(second->writeSymbol), second);
-    EXPECT_EQ(storage.findByReadSymbol(second->writeSymbol), nullptr); // only the peer's numbers
-    EXPECT_TRUE(second->localOrigin);
-    EXPECT_FALSE(second->removedByPeer);
-    EXPECT_FALSE(second->resendValue);
-    EXPECT_FALSE(second->serializer);
-    EXPECT_FALSE(second->deserializer);
-}
-
-// Callers look the name up first; a second create shows why.
-TEST_F(AttributeStorageTest, CreateTwiceWithOneNameSplitsTheIndexes)
-{
-    LoomySessionAttribute *first = storage.create("twice");
-    LoomySessionAttribute *second = storage.create("twice");
-    ASSERT_NE(first, second);
-    EXPECT_EQ(first->writeSymbol, second->writeSymbol);
-    EXPECT_EQ(storage.findByName("twice"), second);
-    EXPECT_EQ(storage.findByWriteSymbol(first->writeSymbol), first);
+    node.update();
+    EXPECT_EQ(storage.create("known")->writeSymbol, node.symbols().lookup("known"));
+    LoomySessionAttribute *fresh = storage.create("fresh");
+    EXPECT_EQ(node.symbols().name(fresh->writeSymbol), QByteArray("fresh"));
+    EXPECT_EQ(storage.findByWriteSymbol(fresh->writeSymbol), fresh);
+    EXPECT_EQ(storage.findByReadSymbol(fresh->writeSymbol), nullptr);
+    storage.indexByReadSymbol(40, fresh);
+    storage.indexByReadSymbol(40, fresh);
+    storage.indexByReadSymbol(41, fresh);
     EXPECT_TRUE(trace.lines().isEmpty());
-    // Both are released by the storage (checked under the address sanitizer's leak check).
+    storage.indexByReadSymbol(40, storage.findByName("known"));
+    EXPECT_EQ(trace.lines(), QStringList{"AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute"});
+    EXPECT_EQ(storage.findByReadSymbol(40), fresh);
+    EXPECT_EQ(storage.findByReadSymbol(41), fresh);
 }
 
-TEST_F(AttributeStorageTest, ReadSymbolClashKeepsTheEarlierRecord)
+// A dummy reader steps over one value: a fixed size rounded up to 4, or a length word and the
+// padded bytes. Past the end it throws.
+TEST(DummyDeserializer, StepsOverOneValue)
 {
-    LoomySessionAttribute *a = storage.create("a");
-    LoomySessionAttribute *b = storage.create("b");
-    storage.indexByReadSymbol(40, a);
-    storage.indexByReadSymbol(40, a); // the same pair again is harmless
-    EXPECT_TRUE(trace.lines().isEmpty());
-
-    storage.indexByReadSymbol(40, b);
-    EXPECT_EQ(trace.lines(),
-              QStringList{"AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute"});
-    EXPECT_EQ(storage.findByReadSymbol(40), a);
-
-    // One record may be reached by several read symbols; it is still deleted once.
-    storage.indexByReadSymbol(41, a);
-    EXPECT_EQ(storage.findByReadSymbol(41), a);
-}
-
-struct SkipCase
-{
-    const char *name;
-    unsigned size;          // argument of createDummyDeserializer
-    QByteArray wire;        // bytes from the cursor on
-    unsigned position;      // where the cursor must stand afterwards; 0: throws
-};
-
-QByteArray le(quint32 word)
-{
-    return QByteArray(reinterpret_cast<const char *>(&word), 4);
-}
-
-const SkipCase s_skips[] = {
-    {"FixedSixRoundsToEight", 6, QByteArray(12, 'x'), 8},
-    {"FixedFour", 4, QByteArray(4, 'x'), 4},
-    {"FixedSixExactlyAtTheEnd", 6, QByteArray(6, 'x'), 8},
-    {"DynamicFiveIsWordAndEight", 0, le(5) + QByteArray(8, 'x') + le(99), 12},
-    {"DynamicEmpty", 0, le(0) + le(99), 4},
-    {"FixedSixOnFive", 6, QByteArray(5, 'x'), 0},
-    {"DynamicFiveOnFour", 0, le(5) + QByteArray(4, 'x'), 0},
-    {"DynamicWithoutLengthWord", 0, QByteArray(3, 'x'), 0},
-    {"HostileLength", 0, le(0xfffffffdu) + QByteArray(8, 'x'), 0},
-};
-
-class DummyDeserializer : public ::testing::TestWithParam<SkipCase> {};
-
-TEST_P(DummyDeserializer, StepsOverOneValue)
-{
-    const SkipCase &c = GetParam();
-    const QByteArray wire = c.wire;
-    BundleReaderCore reader(wire);
-    auto skip = LoomySessionAttribute::createDummyDeserializer(c.size);
-    if (c.position == 0) {
+    struct SkipCase { unsigned size; QByteArray wire; unsigned position; }; // 0: throws
+    const SkipCase cases[] = {
+        {6, QByteArray(12, 'x'), 8},
+        {4, QByteArray(4, 'x'), 4},
+        {6, QByteArray(6, 'x'), 8},
+        {0, (Body() << 5 << 0 << 0 << 99).bytes(), 12},
+        {0, (Body() << 0 << 99).bytes(), 4},
+        {6, QByteArray(5, 'x'), 0},
+        {0, (Body() << 5 << 0).bytes(), 0},
+        {0, QByteArray(3, 'x'), 0},
+        {0, (Body() << 0xfffffffdu << 0 << 0).bytes(), 0}, // a hostile length
+    };
+    for (const SkipCase &c : cases) {
+        SCOPED_TRACE(hex(c.wire) + " size " + std::to_string(c.size));
+        LoomySessionAttribute record;
+        record.deserializer = LoomySessionAttribute::createDummyDeserializer(c.size);
         try {
-            skip(reader);
-            FAIL() << "nothing thrown";
+            EXPECT_EQ(skipped(record, c.wire), c.position);
         } catch (const std::out_of_range &e) {
+            EXPECT_EQ(c.position, 0u);
             EXPECT_STREQ(e.what(), "BundleReader::read # tried to read past the end");
         }
-        return;
     }
-    skip(reader);
-    EXPECT_EQ(reader.position(), c.position);
 }
 
-INSTANTIATE_TEST_SUITE_P(Skips, DummyDeserializer, ::testing::ValuesIn(s_skips),
-                         [](const auto &info) { return std::string(info.param.name); });
-
+// Entries under "schema/<path>/<key>" print as properties of <path>; a key may not contain "/".
 TEST_F(AttributeStorageTest, DebugDumpShowsSchemaEntriesAsProperties)
 {
     add("a", 1.5f);
     add("schema/a/unit", QString("mm"));
     add("schema/a/max", 10);
-    add("schema/a/deep/x", 1);   // a key may not contain "/"
+    add("schema/a/deep/x", 1);
     add("schema/ab/unit", QString("cm")); // a different path that begins with "a"
     add("b", 2);
-    for (const char *path : {"a", "schema/a/unit", "schema/a/max", "schema/a/deep/x", "schema/ab/unit", "b"})
-        storage.create(path);
-    storage.create("schema/a/gone"); // a property whose attribute isn't there
-    storage.create("gone");          // a record whose attribute isn't there
-
-    const std::string expected =
-        QString::asprintf("%-70s %s%s\n", "a", "Tamarack::AttributeT<float, void>", " <1.5>").toStdString()
-        + "    gone                : -\n"
-        + "    max                 : 10\n"
-        + "    unit                : mm\n"
-        + QString::asprintf("%-70s %s%s\n", "b", "Tamarack::AttributeT<int, void>", " <2>").toStdString()
-        + QString::asprintf("%-70s %s\n", "gone", "-").toStdString();
-    EXPECT_EQ(dump(), expected);
+    node.update();
+    for (const char *path : {"a", "schema/a/unit", "schema/a/max", "schema/a/deep/x", "schema/ab/unit", "b", "schema/a/gone", "gone"})
+        storage.create(path); // the last two have no attribute
+    testing::internal::CaptureStdout();
+    storage.debugDump();
+    std::fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              QString::asprintf("%-70s %s\n", "a", "Tamarack::AttributeT<float, void> <1.5>").toStdString()
+                  + "    gone                : -\n"
+                  + "    max                 : 10\n"
+                  + "    unit                : mm\n"
+                  + QString::asprintf("%-70s %s\n", "b", "Tamarack::AttributeT<int, void> <2>").toStdString()
+                  + QString::asprintf("%-70s %s\n", "gone", "-").toStdString());
 }
 
 } // namespace

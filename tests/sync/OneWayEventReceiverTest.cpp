@@ -1,9 +1,7 @@
-#include "ReceiverFixture.h"
+#include "SyncTestUtil.h"
 
 #include "loomy/sync/OneWayEventReceiver.h"
 #include "kestrel/BinaryData.h"
-
-#include <QStringList>
 
 #include <stdexcept>
 
@@ -17,17 +15,8 @@ protected:
         recvSymbols.define("ping", "ping", 40);
         recvSymbols.define("blob", "blob", 41);
         receiver.m_handler = [this](const QByteArray &name, Kestrel::BinaryData &data) {
-            // The bytes the handler can see: the first total() of the data.
-            calls << name + ':' + QByteArray(data.data(), int(data.total())).toHex();
+            calls << name + ':' + QByteArray(data.data(), int(data.total())).toHex(); // what the handler can see
         };
-    }
-
-    void apply(const Body &body)
-    {
-        const Loomy::Bundle bundle = makeBundle(body, EventType, 3);
-        Loomy::BundleReader reader(bundle);
-        receiver.handleBundle(reader);
-        EXPECT_EQ(reader.position(), unsigned(bundle.size()));
     }
 
     Kestrel::SymbolRegistry recvSymbols;
@@ -36,52 +25,21 @@ protected:
     TraceCapture trace;
 };
 
-TEST_F(OneWayEventReceiverTest, EmptyBodyDoesNothing)
-{
-    apply(Body());
-    EXPECT_TRUE(calls.isEmpty());
-}
-
+// Payloads padded to 4 or empty, in order; an unknown symbol is warned about and skipped.
 TEST_F(OneWayEventReceiverTest, EventsReachTheHandlerInOrderWithTheirExactPayloads)
 {
-    Body body;
-    body.word(41).block(QByteArray("\x01\x02\x03\x04\x05", 5));  // padded to 8
-    body.word(40).word(0);                                        // no payload at all
-    body.word(41).block(QByteArray("\0\0\0\0", 4));
-    apply(body);
-
+    feed(receiver, Body().entry(41, "\x01\x02\x03\x04\x05").entry(77, "lost").entry(40, "").entry(41, QByteArray(4, '\0')), EventType);
     EXPECT_EQ(calls, (QList<QByteArray>{"blob:0102030405", "ping:", "blob:00000000"}));
-    EXPECT_TRUE(trace.lines().isEmpty());
-}
-
-TEST_F(OneWayEventReceiverTest, UnknownSymbolIsWarnedAndSkipped)
-{
-    Body body;
-    body.word(77).block("lost");
-    body.word(40).word(0);
-    apply(body);
-
-    EXPECT_EQ(calls, QList<QByteArray>{"ping:"});
-    EXPECT_EQ(trace.lines(Kestrel::Trace::Level::Warning),
-              QStringList{"OneWayEventReceiver::handleBundle # Symbol 77 not found"});
-}
-
-TEST_F(OneWayEventReceiverTest, WithoutHandlerEventsAreReadAndDropped)
-{
-    receiver.m_handler = nullptr;
-    Body body;
-    body.word(41).block("abc").word(40).word(0);
-    apply(body);
-    EXPECT_TRUE(trace.lines().isEmpty());
+    EXPECT_EQ(trace.lines(Kestrel::Trace::Level::Warning), QStringList{"OneWayEventReceiver::handleBundle # Symbol 77 not found"});
+    EXPECT_EQ(trace.lines().size(), 1);
+    receiver.m_handler = nullptr; // without a handler events are read and dropped
+    feed(receiver, Body().entry(41, "abc").entry(40, ""), EventType);
+    EXPECT_EQ(trace.lines().size(), 1);
 }
 
 TEST_F(OneWayEventReceiverTest, PayloadLongerThanTheBundleThrowsBeforeTheHandler)
 {
-    Body body;
-    body.word(40).word(0).word(41).word(64).word(0);
-    const Loomy::Bundle bundle = makeBundle(body, EventType, 3);
-    Loomy::BundleReader reader(bundle);
-    EXPECT_THROW(receiver.handleBundle(reader), std::out_of_range);
+    EXPECT_THROW(feed(receiver, Body() << 40u << 0u << 41u << 64u << 0u, EventType), std::out_of_range);
     EXPECT_EQ(calls, QList<QByteArray>{"ping:"});
 }
 

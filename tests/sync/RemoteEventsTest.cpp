@@ -1,11 +1,5 @@
-#include "loomy/sync/RemoteNode.h"
+#include "SyncTestUtil.h"
 
-#include "common/TraceCapture.h"
-#include "tamarack/AttributeT.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -13,190 +7,117 @@
 
 using Kestrel::BinaryData;
 using Loomy::RemoteNode;
-using IntAttr = Tamarack::AttributeT<int>;
 
 namespace {
 
-QByteArray bytesOf(const BinaryData &data)
-{
-    return QByteArray(data.data(), static_cast<int>(data.total()));
-}
+QByteArray hexOf(const BinaryData &data) { return QByteArray(data.data(), int(data.total())).toHex(); }
 
-// A buffer holding one blob item.
-BinaryData dataOf(const QByteArray &bytes)
-{
-    BinaryData data;
-    data.writeBlob(bytes.constData(), bytes.size());
-    data.rewind();
-    return data;
-}
-
-// Records what passes its eventProcess: name, whether it is a received event, and the payload.
+// Notes what passes its eventProcess: "<name> remote|local <payload in hex>".
 class RecordingNode : public RemoteNode
 {
 public:
     using RemoteNode::RemoteNode;
     void eventProcess(const QByteArray &name, BinaryData &data) override
     {
-        processed << name + (handlingRemoteEvent(name, data) ? " remote " : " local ") + bytesOf(data).toHex();
+        processed << name + (handlingRemoteEvent(name, data) ? " remote " : " local ") + hexOf(data);
         if (onProcess)
-            onProcess(name, data);
+            onProcess(name);
         RemoteNode::eventProcess(name, data);
     }
     QStringList processed;
-    std::function<void(const QByteArray &, BinaryData &)> onProcess;
+    std::function<void(const QByteArray &)> onProcess;
 };
 
-// What left through the node, as (name, payload).
-struct Sent
+// A begin ('B': id, name, slice size, total) or a slice ('S': id, index, bytes) as the peer writes
+// it, from a source.
+struct Step { char kind; long source; int id, n; QByteArray text; long total = 0; };
+BinaryData build(const Step &s)
 {
-    QByteArray name;
-    BinaryData data;
-};
+    BinaryData d;
+    d.writeInt32(s.id);
+    if (s.kind == 'B') {
+        d.writeString(s.text.constData());
+        d.writeInt32(s.n);
+        d.writeInt64(s.total);
+    } else {
+        d.writeInt32(s.n);
+        d.writeBlob(s.text.constData(), s.text.size());
+    }
+    d.rewind();
+    return d;
+}
 
 class RemoteEventsTest : public ::testing::Test
 {
 protected:
-    RemoteEventsTest()
+    RemoteEventsTest() { listenTo(node); }
+    // What leaves a node, as (name, payload).
+    void listenTo(RemoteNode &from)
     {
-        node.addEventListener([this](const RemoteNode::Event &event) {
+        from.addEventListener([this, &from](const RemoteNode::Event &event) {
             std::lock_guard<std::mutex> lock(mutex);
-            sent.push_back(Sent{node.symbols().name(event.symbol), event.data});
+            sent.push_back({from.symbols().name(event.symbol), event.data});
         });
     }
-    // A begin or slice event, built as the peer writes it.
-    static BinaryData begin(int id, const char *name, int sliceSize, long total)
+    // Sends bytes sliced: the whole buffer, whatever its position.
+    static void slice(RemoteNode &from, QByteArray bytes, unsigned long sliceSize)
     {
-        BinaryData d;
-        d.writeInt32(id);
-        d.writeString(name);
-        d.writeInt32(sliceSize);
-        d.writeInt64(total);
-        d.rewind();
-        return d;
+        BinaryData raw;
+        raw.linkTo(bytes.data(), bytes.size());
+        raw.setTotal(unsigned(bytes.size()));
+        from.eventProcessSlice("big", raw, sliceSize);
     }
-    static BinaryData slice(int id, int index, const QByteArray &bytes)
-    {
-        BinaryData d;
-        d.writeInt32(id);
-        d.writeInt32(index);
-        d.writeBlob(bytes.constData(), bytes.size());
-        d.rewind();
-        return d;
-    }
-    void receive(const QByteArray &name, BinaryData data, long source = 0)
-    {
-        receiver.handleRemoteEvent(name, data, source);
-    }
+    void receive(const QByteArray &name, BinaryData data, long source = 0) { receiver.handleRemoteEvent(name, data, source); }
 
     RecordingNode node{nullptr, "sender"};
     RecordingNode receiver{nullptr, "receiver"};
     std::mutex mutex;
-    std::vector<Sent> sent; // guarded by mutex
+    std::vector<std::pair<QByteArray, BinaryData>> sent; // guarded by mutex
     TraceCapture trace;
 };
 
+// Each listener hears a local event once, as a rewound deep copy: neither the caller's position
+// nor what it does with its buffer afterwards matters.
 TEST_F(RemoteEventsTest, LocalEventReachesEachListenerOnceAsARewoundDeepCopy)
 {
-    std::vector<RemoteNode::Event> second;
-    node.addEventListener([&](const RemoteNode::Event &event) { second.push_back(event); });
     BinaryData data;
     data.writeInt32(7);
     data.writeInt32(8);
-    data.rewind();
-    data.readInt32(); // the caller's position does not matter
     node.eventProcess("ping", data);
     data.rewind();
-    data.writeInt32(99); // nor does what the caller does with its buffer afterwards
-    node.eventProcess("ping", data);
-
-    ASSERT_EQ(sent.size(), 2u);
-    ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(sent[0].name, QByteArray("ping"));
-    EXPECT_EQ(second[0].symbol, node.symbols().lookup("ping"));
-    EXPECT_EQ(second[1].symbol, second[0].symbol);
-    EXPECT_EQ(sent[0].data.pos(), 0u);
-    EXPECT_NE(sent[0].data.data(), data.data());
-    EXPECT_EQ(sent[0].data.readInt32(), 7);
-    EXPECT_EQ(sent[0].data.readInt32(), 8);
-    EXPECT_EQ(sent[1].data.readInt32(), 99);
+    data.writeInt32(99);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].first, QByteArray("ping"));
+    EXPECT_EQ(sent[0].second.readInt32(), 7);
+    EXPECT_EQ(sent[0].second.readInt32(), 8);
 }
 
-TEST_F(RemoteEventsTest, EventWithoutListenersIsDroppedSilently)
+// A received event goes to the node and is never sent back; an answer sent while handling it is
+// another event and goes out. The handling pair is restored also when an exception passes.
+TEST_F(RemoteEventsTest, ReceivedEventIsNeverSentBackButAnAnswerIs)
 {
-    RemoteNode lonely(nullptr, "lonely");
-    BinaryData data = dataOf("x");
-    lonely.eventProcess("ping", data);
-    EXPECT_TRUE(trace.lines().isEmpty());
-}
-
-TEST_F(RemoteEventsTest, RemovedEventListenerHearsNothingAndUnknownIdsAreIgnored)
-{
-    int calls = 0;
-    const long id = node.addEventListener([&](const RemoteNode::Event &) { ++calls; });
-    node.removeEventLIstener(id + 100);
-    BinaryData data;
-    node.eventProcess("a", data);
-    node.removeEventLIstener(id);
-    node.eventProcess("b", data);
-    EXPECT_EQ(calls, 1);
-    EXPECT_EQ(sent.size(), 2u);
-}
-
-TEST_F(RemoteEventsTest, ReceivedEventGoesToTheNodeAndIsNeverSentBack)
-{
-    auto *speed = new IntAttr(&receiver, "speed");
-    int out = 0;
-    receiver.addEventListener([&](const RemoteNode::Event &) { ++out; });
+    auto *speed = new Tamarack::AttributeT<int>(&receiver, "speed");
+    listenTo(receiver);
+    receiver.onProcess = [&](const QByteArray &name) {
+        BinaryData answer;
+        if (name == "ping")
+            receiver.eventProcess("pong", answer);
+        else if (name == "boom")
+            throw std::runtime_error("boom");
+    };
     BinaryData data;
     data.writeInt32(42);
     data.rewind();
-    receiver.handleRemoteEvent("speed", data, 0);
+    receive("speed", data);
+    receive("ping", data);
+    const QByteArray boom("boom");
+    EXPECT_THROW(receiver.dispatchRemoteEvent(boom, data), std::runtime_error);
+    EXPECT_FALSE(receiver.handlingRemoteEvent(boom, data));
     EXPECT_EQ(speed->value(), 42);
-    EXPECT_EQ(out, 0);
-    EXPECT_EQ(receiver.processed, QStringList{"speed remote " + bytesOf(data).toHex()});
-    EXPECT_FALSE(receiver.handlingRemoteEvent("speed", data)); // restored after the dispatch
-}
-
-TEST_F(RemoteEventsTest, AnswerSentWhileHandlingAReceivedEventGoesOut)
-{
-    QList<QByteArray> out;
-    receiver.addEventListener([&](const RemoteNode::Event &event) { out << receiver.symbols().name(event.symbol); });
-    receiver.onProcess = [&](const QByteArray &name, BinaryData &) {
-        if (name == "ping") {
-            BinaryData answer;
-            receiver.eventProcess("pong", answer);
-        }
-    };
-    receive("ping", dataOf("p"));
-    EXPECT_EQ(out, QList<QByteArray>{"pong"});
-}
-
-TEST_F(RemoteEventsTest, DispatchRestoresTheHandlingPairWhenAnExceptionPasses)
-{
-    receiver.onProcess = [](const QByteArray &, BinaryData &) { throw std::runtime_error("boom"); };
-    const QByteArray name("ping");
-    BinaryData data;
-    EXPECT_THROW(receiver.dispatchRemoteEvent(name, data), std::runtime_error);
-    EXPECT_FALSE(receiver.handlingRemoteEvent(name, data));
-}
-
-TEST_F(RemoteEventsTest, InitializedRaisesTheNodesOwnEventAndSkipsEventProcess)
-{
-    int initialized = 0;
-    receiver.eventAddListener("initialized", [&] { ++initialized; });
-    receive("initialized", dataOf("ignored"));
-    EXPECT_EQ(initialized, 1);
-    EXPECT_TRUE(receiver.processed.isEmpty());
-}
-
-// A buffer whose used bytes are exactly the given ones; bytes must outlive it.
-BinaryData rawOf(QByteArray &bytes)
-{
-    BinaryData data;
-    data.linkTo(bytes.data(), bytes.size());
-    data.setTotal(static_cast<unsigned>(bytes.size()));
-    return data;
+    const QString item = hexOf(data); // one int32 item: tag and value
+    EXPECT_EQ(receiver.processed, (QStringList{"speed remote " + item, "ping remote " + item, "pong local ", "boom remote " + item}));
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].first, QByteArray("pong"));
 }
 
 struct SliceCase { const char *name; QByteArray payload; unsigned long sliceSize; QList<QByteArray> slices; };
@@ -208,170 +129,90 @@ const SliceCase s_slicing[] = {
 };
 class Slicing : public RemoteEventsTest, public ::testing::WithParamInterface<SliceCase> {};
 
-TEST_P(Slicing, SendsABeginThenIndexedSlicesOfTheSentBytes)
+// A begin and indexed slices; the receiver reassembles them in any order, dispatches when the last
+// lands, and then forgets the id.
+TEST_P(Slicing, SendsABeginThenIndexedSlicesAndReassemblesInAnyOrder)
 {
-    QByteArray payload = GetParam().payload;
-    BinaryData raw = rawOf(payload);
-    raw.readInt32(); // moves the position; the whole buffer is sent anyway
-    node.eventProcessSlice("big", raw, GetParam().sliceSize);
-
+    const QByteArray payload = GetParam().payload;
+    slice(node, payload, GetParam().sliceSize);
     const QList<QByteArray> &slices = GetParam().slices;
-    ASSERT_EQ(sent.size(), static_cast<std::size_t>(slices.size()) + 1);
-    EXPECT_EQ(sent[0].name, QByteArray("event-slice-begin"));
-    BinaryData &b = sent[0].data;
-    const int id = b.readInt32();
-    QByteArray name;
-    ASSERT_TRUE(b.readString(name));
-    EXPECT_EQ(name, QByteArray("big"));
-    EXPECT_EQ(b.readInt32(), static_cast<int>(GetParam().sliceSize));
-    bool ok = true;
-    EXPECT_EQ(b.readInt64(&ok), payload.size()); // written as a 64-bit item
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(b.pos(), b.total());
-
-    for (int i = 0; i < slices.size(); ++i) {
-        BinaryData &s = sent[i + 1].data;
-        EXPECT_EQ(sent[i + 1].name, QByteArray("event-slice"));
-        EXPECT_EQ(s.readInt32(), id);
-        EXPECT_EQ(s.readInt32(), i);
-        QByteArray bytes(slices[i].size(), '\0');
-        EXPECT_TRUE(s.readBlob(bytes.data(), bytes.size())) << i;
-        EXPECT_EQ(bytes, slices[i]);
-        EXPECT_EQ(s.pos(), s.total());
-    }
-}
-
-TEST_P(Slicing, ReassemblesInAnyOrderAndDispatchesWhenTheLastLands)
-{
-    QByteArray payload = GetParam().payload;
-    BinaryData raw = rawOf(payload);
-    node.eventProcessSlice("big", raw, GetParam().sliceSize);
-    ASSERT_GE(sent.size(), 2u);
-    receive(sent[0].name, sent[0].data);
+    ASSERT_EQ(sent.size(), std::size_t(slices.size()) + 1);
+    const int id = BinaryData(sent[0].second).readInt32();
+    EXPECT_EQ(sent[0].first + hexOf(sent[0].second), "event-slice-begin" + hexOf(build({'B', 0, id, int(GetParam().sliceSize), "big", payload.size()})));
+    for (int i = 0; i < slices.size(); ++i)
+        EXPECT_EQ(sent[i + 1].first + hexOf(sent[i + 1].second), "event-slice" + hexOf(build({'S', 0, id, i, slices[i]}))) << i;
+    receive(sent[0].first, sent[0].second);
     for (std::size_t i = sent.size() - 1; i >= 1; --i) {
         EXPECT_TRUE(receiver.processed.isEmpty()) << i;
-        receive(sent[i].name, sent[i].data);
+        receive(sent[i].first, sent[i].second);
     }
     EXPECT_EQ(receiver.processed, QStringList{"big remote " + payload.toHex()});
     EXPECT_TRUE(trace.lines().isEmpty());
-    // The record is gone: a repeated slice is unknown.
-    receive(sent[1].name, sent[1].data);
-    const int id = BinaryData(sent[0].data).readInt32();
+    receive(sent[1].first, sent[1].second);
     EXPECT_EQ(trace.lines(), QStringList{QStringLiteral("RemoteNode::handleSlicedEvent # Unknown event-slice %1").arg(id)});
 }
-INSTANTIATE_TEST_SUITE_P(Payloads, Slicing, ::testing::ValuesIn(s_slicing),
-                         [](const auto &i) { return std::string(i.param.name); });
+INSTANTIATE_TEST_SUITE_P(Payloads, Slicing, ::testing::ValuesIn(s_slicing), [](const auto &i) { return std::string(i.param.name); });
 
-TEST_F(RemoteEventsTest, EmptyPayloadIsSentAsOnePlainEvent)
+TEST_F(RemoteEventsTest, EmptyPayloadGoesAsOnePlainEventAndSliceSizeZeroIsRefused)
 {
-    BinaryData empty;
-    node.eventProcessSlice("big", empty, 4);
+    slice(node, "", 4);
+    slice(node, "abc", 0);
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].name, QByteArray("big"));
-    EXPECT_EQ(sent[0].data.total(), 0u);
-}
-
-TEST_F(RemoteEventsTest, ZeroSliceSizeIsRefused)
-{
-    QByteArray payload("abc");
-    BinaryData raw = rawOf(payload);
-    node.eventProcessSlice("big", raw, 0);
-    EXPECT_TRUE(sent.empty());
+    EXPECT_EQ(sent[0].first + hexOf(sent[0].second), QByteArray("big"));
     EXPECT_EQ(trace.lines(), QStringList{"RemoteNode::eventProcessSlice # Slice size must be positive"});
 }
 
-TEST_F(RemoteEventsTest, DuplicateBeginKeepsTheEarlierRecord)
-{
-    receive("event-slice-begin", begin(5, "first", 4, 8));
-    receive("event-slice-begin", begin(5, "second", 2, 4));
-    receive("event-slice", slice(5, 1, "efgh"));
-    receive("event-slice", slice(5, 0, "abcd"));
-    EXPECT_EQ(receiver.processed, QStringList{"first remote " + QByteArray("abcdefgh").toHex()});
-    EXPECT_TRUE(trace.lines().isEmpty());
-}
+// What the receiving node makes of begins and slices: the events dispatched ("<name> <payload>")
+// and the log lines.
+struct ReceiveCase { const char *name; std::vector<Step> steps; QStringList dispatched, log; };
+const QString s_unknown = "RemoteNode::handleSlicedEvent # Unknown event-slice %1";
+const ReceiveCase s_receiving[] = {
+    {"DuplicateBeginKeepsTheEarlierRecord",
+     {{'B', 0, 5, 4, "first", 8}, {'B', 0, 5, 2, "second", 4}, {'S', 0, 5, 1, "efgh"}, {'S', 0, 5, 0, "abcd"}}, {"first abcdefgh"}, {}},
+    {"SourcesKeepTheirOwnSliceIds",
+     {{'B', 1, 1, 2, "one", 2}, {'B', 2, 1, 2, "two", 2}, {'S', 2, 1, 0, "bb"}, {'S', 1, 1, 0, "aa"}}, {"two bb", "one aa"}, {}},
+    {"SliceWithoutBeginIsUnknown", {{'S', 0, 42, 0, "ab"}}, {}, {s_unknown.arg(42)}},
+    {"SliceIndexOutsideThePayloadIsBadAndTheRecordStays",
+     {{'B', 0, 3, 4, "e", 8}, {'S', 0, 3, 2, "abcd"}, {'S', 0, 3, -1, "abcd"}, {'S', 0, 3, 0, "abcd"}, {'S', 0, 3, 1, "efgh"}},
+     {"e abcdefgh"}, {"RemoteNode::handleSlicedEvent # Bad slice (idx 2)", "RemoteNode::handleSlicedEvent # Bad slice (idx -1)"}},
+    {"SliceOfTheWrongLengthStaysMissingWithoutAReport",
+     {{'B', 0, 4, 4, "e", 6}, {'S', 0, 4, 1, "efg"}, {'S', 0, 4, 0, "abcd"}, {'S', 0, 4, 1, "ef"}}, {"e abcdef"}, {}},
+    {"BeginWithSliceSizeZeroIsDropped", {{'B', 0, 6, 0, "e", 10}, {'S', 0, 6, 0, "ab"}}, {},
+     {"RemoteNode::handleSlicedEvent # Bad slice size 0", s_unknown.arg(6)}},
+    {"BeginWithANegativeSliceSizeIsDropped", {{'B', 0, 6, -4, "e", 10}, {'S', 0, 6, 0, "ab"}}, {},
+     {"RemoteNode::handleSlicedEvent # Bad slice size -4", s_unknown.arg(6)}},
+};
+class Receiving : public RemoteEventsTest, public ::testing::WithParamInterface<ReceiveCase> {};
 
-TEST_F(RemoteEventsTest, SourcesKeepTheirOwnSliceIds)
+TEST_P(Receiving, DispatchesAndLogsExactly)
 {
-    receive("event-slice-begin", begin(1, "one", 2, 2), 1);
-    receive("event-slice-begin", begin(1, "two", 2, 2), 2);
-    receive("event-slice", slice(1, 0, "bb"), 2);
-    receive("event-slice", slice(1, 0, "aa"), 1);
-    EXPECT_EQ(receiver.processed, (QStringList{"two remote 6262", "one remote 6161"}));
+    for (const Step &step : GetParam().steps)
+        receive(step.kind == 'B' ? "event-slice-begin" : "event-slice", build(step), step.source);
+    QStringList dispatched;
+    for (const QString &line : GetParam().dispatched)
+        dispatched << line.section(' ', 0, 0) + " remote " + line.section(' ', 1).toLatin1().toHex();
+    EXPECT_EQ(receiver.processed, dispatched);
+    EXPECT_EQ(trace.lines(), GetParam().log);
 }
-
-TEST_F(RemoteEventsTest, SliceWithoutBeginIsUnknown)
-{
-    receive("event-slice", slice(42, 0, "ab"));
-    EXPECT_EQ(trace.lines(), QStringList{"RemoteNode::handleSlicedEvent # Unknown event-slice 42"});
-    EXPECT_TRUE(receiver.processed.isEmpty());
-}
-
-TEST_F(RemoteEventsTest, SliceIndexOutsideThePayloadIsBad)
-{
-    receive("event-slice-begin", begin(3, "e", 4, 8));
-    receive("event-slice", slice(3, 2, "abcd"));
-    receive("event-slice", slice(3, -1, "abcd"));
-    EXPECT_EQ(trace.lines(), (QStringList{"RemoteNode::handleSlicedEvent # Bad slice (idx 2)",
-                                          "RemoteNode::handleSlicedEvent # Bad slice (idx -1)"}));
-    // The record is intact.
-    receive("event-slice", slice(3, 0, "abcd"));
-    receive("event-slice", slice(3, 1, "efgh"));
-    EXPECT_EQ(receiver.processed.size(), 1);
-}
-
-TEST_F(RemoteEventsTest, SliceOfTheWrongLengthStaysMissingWithoutAReport)
-{
-    receive("event-slice-begin", begin(4, "e", 4, 6));
-    receive("event-slice", slice(4, 1, "efg"));   // the last slice holds 2 bytes
-    receive("event-slice", slice(4, 0, "abcd"));
-    EXPECT_TRUE(receiver.processed.isEmpty());
-    receive("event-slice", slice(4, 1, "ef"));
-    EXPECT_EQ(receiver.processed, QStringList{"e remote " + QByteArray("abcdef").toHex()});
-    EXPECT_TRUE(trace.lines().isEmpty());
-}
-
-TEST_F(RemoteEventsTest, BeginWithoutAPositiveSliceSizeIsDropped)
-{
-    for (int size : {0, -4}) {
-        trace.clear();
-        receive("event-slice-begin", begin(6, "e", size, 10));
-        EXPECT_EQ(trace.lines(), QStringList{QStringLiteral("RemoteNode::handleSlicedEvent # Bad slice size %1").arg(size)});
-        trace.clear();
-        receive("event-slice", slice(6, 0, "ab"));
-        EXPECT_EQ(trace.lines(), QStringList{"RemoteNode::handleSlicedEvent # Unknown event-slice 6"});
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Slices, Receiving, ::testing::ValuesIn(s_receiving), [](const auto &i) { return std::string(i.param.name); });
 
 TEST_F(RemoteEventsTest, ThreadsSlicingAtOnceGetDistinctIds)
 {
-    constexpr int kPerThread = 200;
     RemoteNode plain(nullptr, "plain"); // RecordingNode's own record is not thread safe
-    plain.addEventListener([this, &plain](const RemoteNode::Event &event) {
-        std::lock_guard<std::mutex> lock(mutex);
-        sent.push_back(Sent{plain.symbols().name(event.symbol), event.data});
-    });
+    listenTo(plain);
     auto work = [&plain] {
-        QByteArray payload("abcdef");
-        for (int i = 0; i < kPerThread; ++i) {
-            BinaryData raw = rawOf(payload);
-            plain.eventProcessSlice("t", raw, 4);
-        }
+        for (int i = 0; i < 200; ++i)
+            slice(plain, "abcdef", 4);
     };
-    std::thread a(work);
-    std::thread b(work);
+    std::thread a(work), b(work);
     a.join();
     b.join();
     std::set<int> ids;
-    int slices = 0;
-    std::lock_guard<std::mutex> lock(mutex);
-    for (auto &s : sent) {
-        if (s.name == "event-slice-begin")
-            ids.insert(s.data.readInt32());
-        else
-            ++slices;
-    }
-    EXPECT_EQ(ids.size(), 2u * kPerThread);
-    EXPECT_EQ(slices, 2 * 2 * kPerThread);
+    for (auto &s : sent)
+        if (s.first == "event-slice-begin")
+            ids.insert(s.second.readInt32());
+    EXPECT_EQ(ids.size(), 400u);
+    EXPECT_EQ(sent.size(), 3u * 400);
 }
 
 } // namespace

@@ -1,135 +1,99 @@
-#include "loomy/sync/RemoteNode.h"
+#include "SyncTestUtil.h"
+
 #include "loomy/sync/SyncFlags.h"
-
 #include "tamarack/AttributeAlias.h"
-#include "tamarack/AttributeT.h"
 
-#include <gtest/gtest.h>
+#include <map>
 
 using Loomy::RemoteNode;
 using Loomy::SyncFlags;
-using IntAttr = Tamarack::AttributeT<int>;
 
 namespace {
 
-TEST(SyncFlags, OnlyExceptionsAreStored)
+TEST(SyncFlags, OnlyExceptionsAreStoredAndClearKeepsThem)
 {
     SyncFlags flags;
-    EXPECT_EQ(flags.getFlags(5), SyncFlags::SYNC_DEFAULT);
     flags.setFlags(5, SyncFlags::SYNC_NONE);
+    flags.clear();
     EXPECT_EQ(flags.getFlags(5), SyncFlags::SYNC_NONE);
     EXPECT_EQ(flags.getFlags(6), SyncFlags::SYNC_DEFAULT);
     flags.setFlags(5, SyncFlags::SYNC_DEFAULT);
     EXPECT_EQ(flags.getFlags(5), SyncFlags::SYNC_DEFAULT);
 }
 
-TEST(SyncFlags, ClearKeepsStoredFlags)
-{
-    SyncFlags flags;
-    flags.setFlags(5, SyncFlags::SYNC_NONE);
-    flags.clear();
-    EXPECT_EQ(flags.getFlags(5), SyncFlags::SYNC_NONE);
-}
-
-struct GlobCase { const char *name; const char *glob; const char *pattern; QStringList matches; QStringList misses; };
+struct GlobCase { const char *glob, *pattern; QStringList matches, misses; };
 const GlobCase s_globs[] = {
-    {"Plain", "a/b", "^a/b$", {"a/b"}, {"x/a/b", "a/b/c"}},
-    {"StarIsOneComponent", "a/*", "^a/[^/]+$", {"a/b"}, {"a", "a/", "a/b/c"}},
-    {"DoubleStarCrossesSlashes", "a/**", "^a/.+$", {"a/b", "a/b/c"}, {"a", "a/"}},
-    {"StarFirst", "*/id", "^[^/]+/id$", {"a/id"}, {"id", "a/b/id"}},
-    {"StarNeedsOneCharacter", "a*", "^a[^/]+$", {"ab"}, {"a"}},
-    {"DotIsADot", "a.b", "^a\\.b$", {"a.b"}, {"axb"}},
-    {"DoubleStarAlone", "**", "^.+$", {"a", "a/b/c"}, {""}},
-    {"OtherMetacharactersStandForThemselves", "a+(b)", "^a\\+\\(b\\)$", {"a+(b)"}, {"aab", "a+b"}},
+    {"a/b", "^a/b$", {"a/b"}, {"x/a/b", "a/b/c"}},
+    {"a/*", "^a/[^/]+$", {"a/b"}, {"a", "a/", "a/b/c"}},
+    {"a/**", "^a/.+$", {"a/b", "a/b/c"}, {"a", "a/"}},
+    {"*/id", "^[^/]+/id$", {"a/id"}, {"id", "a/b/id"}},
+    {"a*", "^a[^/]+$", {"ab"}, {"a"}},
+    {"a.b", "^a\\.b$", {"a.b"}, {"axb"}},
+    {"**", "^.+$", {"a", "a/b/c"}, {""}},
+    {"a+(b)", "^a\\+\\(b\\)$", {"a+(b)"}, {"aab", "a+b"}},
 };
-class MakeRegExp : public ::testing::TestWithParam<GlobCase> {};
-TEST_P(MakeRegExp, BuildsAnAnchoredCaseSensitivePattern)
+
+TEST(MakeRegExp, BuildsAnAnchoredCaseSensitivePatternFromAGlob)
 {
-    const QRegExp rx = RemoteNode::makeRegExp(QString::fromUtf8(GetParam().glob));
-    EXPECT_EQ(rx.pattern(), QString::fromUtf8(GetParam().pattern));
-    EXPECT_EQ(rx.caseSensitivity(), Qt::CaseSensitive);
-    EXPECT_EQ(rx.patternSyntax(), QRegExp::RegExp);
-    for (const QString &path : GetParam().matches)
-        EXPECT_GE(QRegExp(rx).indexIn(path), 0) << qPrintable(path);
-    for (const QString &path : GetParam().misses)
-        EXPECT_LT(QRegExp(rx).indexIn(path), 0) << qPrintable(path);
+    for (const GlobCase &c : s_globs) {
+        SCOPED_TRACE(c.glob);
+        const QRegExp rx = RemoteNode::makeRegExp(QString::fromUtf8(c.glob));
+        EXPECT_EQ(rx.pattern(), QString::fromUtf8(c.pattern));
+        EXPECT_EQ(rx.caseSensitivity(), Qt::CaseSensitive);
+        EXPECT_EQ(rx.patternSyntax(), QRegExp::RegExp);
+        for (const QString &path : c.matches)
+            EXPECT_GE(QRegExp(rx).indexIn(path), 0) << qPrintable(path);
+        for (const QString &path : c.misses)
+            EXPECT_LT(QRegExp(rx).indexIn(path), 0) << qPrintable(path);
+    }
 }
-INSTANTIATE_TEST_SUITE_P(Globs, MakeRegExp, ::testing::ValuesIn(s_globs),
-                         [](const auto &i) { return std::string(i.param.name); });
 
 class SyncFlagRules : public ::testing::Test
 {
 protected:
-    unsigned flagsOf(const QByteArray &path) { return node.syncFlags().getFlags(node.symbols().lookup(path)); }
-    IntAttr *add(const QByteArray &path)
+    void add(const QByteArray &path, Tamarack::Attribute *a = new Tamarack::AttributeT<int>)
     {
-        auto *a = new IntAttr;
         EXPECT_TRUE(node.addDeepAttribute(path, a));
         node.update();
-        return a;
+    }
+    void expectFlags(std::initializer_list<const char *> paths, unsigned flags)
+    {
+        for (const char *path : paths)
+            EXPECT_EQ(node.syncFlags().getFlags(node.symbols().lookup(path)), flags) << path;
     }
     RemoteNode node{nullptr, "remote"};
 };
 
-TEST_F(SyncFlagRules, AttributesNamedIdAtAnyDepthAreNotSent)
+// "(^|/)id$" is built in; a later matching rule wins at addition. The flags are set before any
+// later listener hears of the addition.
+TEST_F(SyncFlagRules, AttributesNamedIdAreNotSentUnlessALaterRuleSaysSo)
 {
-    for (const char *path : {"id", "a/b/id", "grid", "id2", "a/idx"})
-        add(path);
-    EXPECT_EQ(flagsOf("id"), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flagsOf("a/b/id"), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flagsOf("grid"), SyncFlags::SYNC_DEFAULT);
-    EXPECT_EQ(flagsOf("id2"), SyncFlags::SYNC_DEFAULT);
-    EXPECT_EQ(flagsOf("a/idx"), SyncFlags::SYNC_DEFAULT);
-}
-
-TEST_F(SyncFlagRules, RuleAppliesAtOnceToMatchesAndLaterAtAddition)
-{
-    add("cam/pos");
-    node.setSyncFlags(RemoteNode::makeRegExp("cam/*"), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flagsOf("cam/pos"), SyncFlags::SYNC_NONE);
-    add("cam/zoom");
-    EXPECT_EQ(flagsOf("cam/zoom"), SyncFlags::SYNC_NONE);
-    add("light/pos");
-    EXPECT_EQ(flagsOf("light/pos"), SyncFlags::SYNC_DEFAULT);
-}
-
-TEST_F(SyncFlagRules, LaterMatchingRuleWinsAtAddition)
-{
+    std::map<unsigned, unsigned> heard; // the flags as a listener sees them at the addition
+    node.addAttributeChangeListener([&](const Loomy::NodeWatcher::Event &e) { heard[e.symbol] = node.syncFlags().getFlags(e.symbol); });
     node.setSyncFlags(RemoteNode::makeRegExp("keep/**"), SyncFlags::SYNC_DEFAULT);
-    add("keep/id");
-    EXPECT_EQ(flagsOf("keep/id"), SyncFlags::SYNC_DEFAULT); // brings back what "(^|/)id$" excluded
-    add("other/id");
-    EXPECT_EQ(flagsOf("other/id"), SyncFlags::SYNC_NONE);
+    for (const char *path : {"id", "a/b/id", "keep/id", "grid", "id2", "a/idx"})
+        add(path);
+    expectFlags({"id", "a/b/id"}, SyncFlags::SYNC_NONE);
+    expectFlags({"keep/id", "grid", "id2", "a/idx"}, SyncFlags::SYNC_DEFAULT);
+    for (const auto &symbolFlags : heard)
+        EXPECT_EQ(symbolFlags.second, node.syncFlags().getFlags(symbolFlags.first)) << symbolFlags.first;
 }
 
-TEST_F(SyncFlagRules, UpdateSyncFlagsAloneKeepsNoRule)
+// setSyncFlags applies at once and keeps the rule for later additions; updateSyncFlags only
+// applies, to paths as the tree shows them (through an alias, the alias's path).
+TEST_F(SyncFlagRules, SetKeepsTheRuleAndUpdateDoesNot)
 {
-    add("a/x");
-    node.updateSyncFlags(RemoteNode::makeRegExp("a/*"), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flagsOf("a/x"), SyncFlags::SYNC_NONE);
-    add("a/y");
-    EXPECT_EQ(flagsOf("a/y"), SyncFlags::SYNC_DEFAULT);
-}
-
-TEST_F(SyncFlagRules, AttributeReachedThroughAnAliasCountsUnderTheAliasPath)
-{
-    IntAttr *x = add("a/x");
-    ASSERT_TRUE(node.addDeepAttribute("b/al", new Tamarack::AttributeAlias(nullptr, "", x)));
-    node.update();
+    add("set/pos");
+    add("upd/pos");
+    add("x");
+    add("b/al", new Tamarack::AttributeAlias(nullptr, "", node.attribute("x")));
+    node.setSyncFlags(RemoteNode::makeRegExp("set/*"), SyncFlags::SYNC_NONE);
+    node.updateSyncFlags(RemoteNode::makeRegExp("upd/*"), SyncFlags::SYNC_NONE);
     node.updateSyncFlags(RemoteNode::makeRegExp("b/*"), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flagsOf("b/al"), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flagsOf("a/x"), SyncFlags::SYNC_DEFAULT);
-}
-
-TEST_F(SyncFlagRules, FlagsAreSetBeforeAnyLaterListenerHearsTheAddition)
-{
-    std::vector<unsigned> seen;
-    node.addAttributeChangeListener([&](const Loomy::NodeWatcher::Event &event) {
-        if (event.type == Loomy::NodeWatcher::ATTRIBUTE_ADDED)
-            seen.push_back(node.syncFlags().getFlags(event.symbol));
-    });
-    add("n/id");
-    EXPECT_EQ(seen, std::vector<unsigned>{SyncFlags::SYNC_NONE});
+    add("set/zoom");
+    add("upd/zoom");
+    expectFlags({"set/pos", "upd/pos", "b/al", "set/zoom"}, SyncFlags::SYNC_NONE);
+    expectFlags({"upd/zoom", "x"}, SyncFlags::SYNC_DEFAULT);
 }
 
 } // namespace

@@ -5,10 +5,8 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
-// Refusals are logged and change nothing; a node mark may come before its attribute and goes with
-// it; one attribute may stand under two symbols, as through an alias.
+// Refusals are logged and change nothing; a node mark may precede its attribute and goes with it;
+// one attribute may stand under two symbols, as through an alias.
 TEST(AttributeCache, EntriesRefusalsAndNodeMarks)
 {
     TraceCapture trace;
@@ -30,5 +28,3 @@ TEST(AttributeCache, EntriesRefusalsAndNodeMarks)
     EXPECT_TRUE(cache.remove(2));
     EXPECT_FALSE(cache.isNode(2));
 }
-
-} // namespace

@@ -11,57 +11,24 @@ class AttributeStorageTest : public ::testing::Test
 {
 protected:
     template <typename T>
-    void add(const QByteArray &path, const T &value)
-    {
-        auto *attribute = new Tamarack::AttributeT<T>;
-        attribute->setValue(value);
-        EXPECT_TRUE(node.addDeepAttribute(path, attribute));
-    }
+    void add(const QByteArray &path, const T &value) { EXPECT_TRUE(node.addDeepAttribute(path, new Tamarack::AttributeT<T>(nullptr, "", value))); }
 
-    TraceCapture trace;
     Tamarack::Node app;
     Loomy::RemoteNode &node = *new Loomy::RemoteNode(&app, "remote");
     Loomy::AttributeStorage storage{node};
 };
 
-// A record takes the node's symbol for its path, or defines one; read symbols are the peer's only.
-// A clash of read symbols keeps the earlier record; one record may stand under two.
-TEST_F(AttributeStorageTest, SymbolsAndTheirClash)
-{
-    add("known", 1);
-    node.update();
-    EXPECT_EQ(storage.create("known")->writeSymbol, node.symbols().lookup("known"));
-    LoomySessionAttribute *fresh = storage.create("fresh");
-    EXPECT_EQ(node.symbols().name(fresh->writeSymbol), QByteArray("fresh"));
-    EXPECT_EQ(storage.findByWriteSymbol(fresh->writeSymbol), fresh);
-    EXPECT_EQ(storage.findByReadSymbol(fresh->writeSymbol), nullptr);
-    storage.indexByReadSymbol(40, fresh);
-    storage.indexByReadSymbol(40, fresh);
-    storage.indexByReadSymbol(41, fresh);
-    EXPECT_TRUE(trace.lines().isEmpty());
-    storage.indexByReadSymbol(40, storage.findByName("known"));
-    EXPECT_EQ(trace.lines(), QStringList{"AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute"});
-    EXPECT_EQ(storage.findByReadSymbol(40), fresh);
-    EXPECT_EQ(storage.findByReadSymbol(41), fresh);
-}
-
-// A dummy reader steps over one value: a fixed size rounded up to 4, or a length word and the
-// padded bytes. Past the end it throws.
+// A dummy reader steps over one value: a fixed size rounded up to 4, or a length word and padded
+// bytes. Past the end (position 0 below) it throws.
 TEST(DummyDeserializer, StepsOverOneValue)
 {
-    struct SkipCase { unsigned size; QByteArray wire; unsigned position; }; // 0: throws
-    const SkipCase cases[] = {
-        {6, QByteArray(12, 'x'), 8},
-        {4, QByteArray(4, 'x'), 4},
-        {6, QByteArray(6, 'x'), 8},
-        {0, (Body() << 5 << 0 << 0 << 99).bytes(), 12},
-        {0, (Body() << 0 << 99).bytes(), 4},
-        {6, QByteArray(5, 'x'), 0},
-        {0, (Body() << 5 << 0).bytes(), 0},
-        {0, QByteArray(3, 'x'), 0},
+    struct { unsigned size; QByteArray wire; unsigned position; } const cases[] = {
+        {6, QByteArray(12, 'x'), 8}, {4, QByteArray(4, 'x'), 4}, {6, QByteArray(6, 'x'), 8},
+        {0, (Body() << 5 << 0 << 0 << 99).bytes(), 12}, {0, (Body() << 0 << 99).bytes(), 4},
+        {6, QByteArray(5, 'x'), 0}, {0, (Body() << 5 << 0).bytes(), 0}, {0, QByteArray(3, 'x'), 0},
         {0, (Body() << 0xfffffffdu << 0 << 0).bytes(), 0}, // a hostile length
     };
-    for (const SkipCase &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(hex(c.wire) + " size " + std::to_string(c.size));
         LoomySessionAttribute record;
         record.deserializer = LoomySessionAttribute::createDummyDeserializer(c.size);
@@ -81,7 +48,7 @@ TEST_F(AttributeStorageTest, DebugDumpShowsSchemaEntriesAsProperties)
     add("schema/a/unit", QString("mm"));
     add("schema/a/max", 10);
     add("schema/a/deep/x", 1);
-    add("schema/ab/unit", QString("cm")); // a different path that begins with "a"
+    add("schema/ab/unit", QString("cm")); // another path that begins with "a"
     add("b", 2);
     node.update();
     for (const char *path : {"a", "schema/a/unit", "schema/a/max", "schema/a/deep/x", "schema/ab/unit", "b", "schema/a/gone", "gone"})
@@ -91,11 +58,8 @@ TEST_F(AttributeStorageTest, DebugDumpShowsSchemaEntriesAsProperties)
     std::fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               QString::asprintf("%-70s %s\n", "a", "Tamarack::AttributeT<float, void> <1.5>").toStdString()
-                  + "    gone                : -\n"
-                  + "    max                 : 10\n"
-                  + "    unit                : mm\n"
-                  + QString::asprintf("%-70s %s\n", "b", "Tamarack::AttributeT<int, void> <2>").toStdString()
-                  + QString::asprintf("%-70s %s\n", "gone", "-").toStdString());
+                  + "    gone                : -\n    max                 : 10\n    unit                : mm\n"
+                  + QString::asprintf("%-70s %s\n%-70s -\n", "b", "Tamarack::AttributeT<int, void> <2>", "gone").toStdString());
 }
 
 } // namespace

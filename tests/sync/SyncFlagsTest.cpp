@@ -10,32 +10,19 @@ using Loomy::SyncFlags;
 
 namespace {
 
-TEST(SyncFlags, OnlyExceptionsAreStoredAndClearKeepsThem)
-{
-    SyncFlags flags;
-    flags.setFlags(5, SyncFlags::SYNC_NONE);
-    flags.clear();
-    EXPECT_EQ(flags.getFlags(5), SyncFlags::SYNC_NONE);
-    EXPECT_EQ(flags.getFlags(6), SyncFlags::SYNC_DEFAULT);
-    flags.setFlags(5, SyncFlags::SYNC_DEFAULT);
-    EXPECT_EQ(flags.getFlags(5), SyncFlags::SYNC_DEFAULT);
-}
-
-struct GlobCase { const char *glob, *pattern; QStringList matches, misses; };
-const GlobCase s_globs[] = {
-    {"a/b", "^a/b$", {"a/b"}, {"x/a/b", "a/b/c"}},
-    {"a/*", "^a/[^/]+$", {"a/b"}, {"a", "a/", "a/b/c"}},
-    {"a/**", "^a/.+$", {"a/b", "a/b/c"}, {"a", "a/"}},
-    {"*/id", "^[^/]+/id$", {"a/id"}, {"id", "a/b/id"}},
-    {"a*", "^a[^/]+$", {"ab"}, {"a"}},
-    {"a.b", "^a\\.b$", {"a.b"}, {"axb"}},
-    {"**", "^.+$", {"a", "a/b/c"}, {""}},
-    {"a+(b)", "^a\\+\\(b\\)$", {"a+(b)"}, {"aab", "a+b"}},
-};
-
 TEST(MakeRegExp, BuildsAnAnchoredCaseSensitivePatternFromAGlob)
 {
-    for (const GlobCase &c : s_globs) {
+    struct { const char *glob, *pattern; QStringList matches, misses; } const cases[] = {
+        {"a/b", "^a/b$", {"a/b"}, {"x/a/b", "a/b/c"}},
+        {"a/*", "^a/[^/]+$", {"a/b"}, {"a", "a/", "a/b/c"}},
+        {"a/**", "^a/.+$", {"a/b", "a/b/c"}, {"a", "a/"}},
+        {"*/id", "^[^/]+/id$", {"a/id"}, {"id", "a/b/id"}},
+        {"a*", "^a[^/]+$", {"ab"}, {"a"}},
+        {"a.b", "^a\\.b$", {"a.b"}, {"axb"}},
+        {"**", "^.+$", {"a", "a/b/c"}, {""}},
+        {"a+(b)", "^a\\+\\(b\\)$", {"a+(b)"}, {"aab", "a+b"}},
+    };
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.glob);
         const QRegExp rx = RemoteNode::makeRegExp(QString::fromUtf8(c.glob));
         EXPECT_EQ(rx.pattern(), QString::fromUtf8(c.pattern));
@@ -51,11 +38,7 @@ TEST(MakeRegExp, BuildsAnAnchoredCaseSensitivePatternFromAGlob)
 class SyncFlagRules : public ::testing::Test
 {
 protected:
-    void add(const QByteArray &path, Tamarack::Attribute *a = new Tamarack::AttributeT<int>)
-    {
-        EXPECT_TRUE(node.addDeepAttribute(path, a));
-        node.update();
-    }
+    void add(const QByteArray &path, Tamarack::Attribute *a = new Tamarack::AttributeT<int>) { EXPECT_TRUE(node.addDeepAttribute(path, a)); node.update(); }
     void expectFlags(std::initializer_list<const char *> paths, unsigned flags)
     {
         for (const char *path : paths)
@@ -64,11 +47,10 @@ protected:
     RemoteNode node{nullptr, "remote"};
 };
 
-// "(^|/)id$" is built in; a later matching rule wins at addition. The flags are set before any
-// later listener hears of the addition.
+// "(^|/)id$" is built in; a later matching rule wins; flags are set before a listener hears of it.
 TEST_F(SyncFlagRules, AttributesNamedIdAreNotSentUnlessALaterRuleSaysSo)
 {
-    std::map<unsigned, unsigned> heard; // the flags as a listener sees them at the addition
+    std::map<unsigned, unsigned> heard;
     node.addAttributeChangeListener([&](const Loomy::NodeWatcher::Event &e) { heard[e.symbol] = node.syncFlags().getFlags(e.symbol); });
     node.setSyncFlags(RemoteNode::makeRegExp("keep/**"), SyncFlags::SYNC_DEFAULT);
     for (const char *path : {"id", "a/b/id", "keep/id", "grid", "id2", "a/idx"})
@@ -83,9 +65,8 @@ TEST_F(SyncFlagRules, AttributesNamedIdAreNotSentUnlessALaterRuleSaysSo)
 // applies, to paths as the tree shows them (through an alias, the alias's path).
 TEST_F(SyncFlagRules, SetKeepsTheRuleAndUpdateDoesNot)
 {
-    add("set/pos");
-    add("upd/pos");
-    add("x");
+    for (const char *path : {"set/pos", "upd/pos", "x"})
+        add(path);
     add("b/al", new Tamarack::AttributeAlias(nullptr, "", node.attribute("x")));
     node.setSyncFlags(RemoteNode::makeRegExp("set/*"), SyncFlags::SYNC_NONE);
     node.updateSyncFlags(RemoteNode::makeRegExp("upd/*"), SyncFlags::SYNC_NONE);

@@ -1,6 +1,5 @@
 #pragma once
-// Shared by the tests of this folder: bundle bodies as a peer writes them, and one side of a
-// session without a peer.
+// Shared by the tests of this folder: bundle bodies as a peer writes them, one side of a session.
 #include "common/TraceCapture.h"
 #include "loomy/bundle/BundleDispatcher.h"
 #include "loomy/bundle/BundleReader.h"
@@ -22,8 +21,8 @@ inline void PrintTo(const QString &text, std::ostream *os) { *os << '"' << text.
 
 namespace {
 
-// With dropStaleChanges, a value whose bundle acknowledges less than this side's last send of the
-// attribute is dropped (plain unsigned comparison).
+// With dropStaleChanges a value is dropped when its bundle acknowledges less than this side's last
+// send of the attribute (plain unsigned comparison).
 struct StaleCase { const char *name; bool dropStaleChanges; quint32 lastSentId, ackBundleId; bool applied; };
 const StaleCase s_staleCases[] = {
     {"AckBehindLastSendIsDropped", true, 7, 6, false}, {"AckOfLastSendIsApplied", true, 7, 7, true},
@@ -54,6 +53,11 @@ public:
         return *this;
     }
     Body &entry(quint32 symbol, const QByteArray &bytes) { return (*this << symbol).block(bytes); } // a symbol or event record
+    Body &raw(const QByteArray &bytes)
+    {
+        m_bytes += bytes;
+        return *this;
+    }
     const QByteArray &bytes() const { return m_bytes; }
     // The whole bundle in hex: size, message type, id, acknowledged id, body.
     std::string bundle(quint32 type, quint32 id, quint32 ack = 0) const
@@ -82,9 +86,8 @@ void feed(Receiver &receiver, const Body &body, quint32 type, quint32 id = 9, qu
 
 inline Types typesOf(const std::vector<Loomy::Bundle> &bundles)
 {
-    Types out;
-    for (const Loomy::Bundle &bundle : bundles)
-        out.push_back(bundle.messageType());
+    Types out(bundles.size());
+    std::transform(bundles.begin(), bundles.end(), out.begin(), [](const Loomy::Bundle &b) { return b.messageType(); });
     return out;
 }
 
@@ -104,8 +107,8 @@ inline unsigned skipped(const Loomy::LoomySessionAttribute &record, const QByteA
     return reader.position();
 }
 
-// One side of a session without a peer: a watched node, its storage, a type registry, a change
-// sender on a dispatcher, and the peer's symbols.
+// One side of a session without a peer: a watched node, its storage, types, a change sender on a
+// dispatcher, and the peer's symbols.
 class SessionSide : public ::testing::Test
 {
 protected:
@@ -120,15 +123,13 @@ protected:
     template <typename T>
     Tamarack::AttributeT<T> *add(const QByteArray &path, const T &value)
     {
-        auto *attribute = new Tamarack::AttributeT<T>;
-        attribute->setValue(value);
-        EXPECT_TRUE(node.addDeepAttribute(path, attribute));
-        return attribute;
+        auto *a = new Tamarack::AttributeT<T>(nullptr, "", value);
+        EXPECT_TRUE(node.addDeepAttribute(path, a));
+        return a;
     }
     void peerSymbol(quint32 symbol, const QByteArray &name) { recvSymbols.define(name, name, symbol); }
     unsigned sym(const QByteArray &path) { return node.symbols().lookup(path); }
-    // One frame: queued additions are raised, then the sender says what it has (the dispatcher's
-    // handshake, type 0, left out).
+    // One frame: queued additions are raised, then what the sender says (the handshake, type 0, left out).
     std::vector<Loomy::Bundle> collect()
     {
         node.update();
@@ -140,14 +141,8 @@ protected:
     // from the walk of sendInitialValues. started() also takes the first update away.
     void start() { node.update(); sender->sendInitialValues(); }
     void started() { start(); collect(); heard.clear(); trace.clear(); }
-    int heardCount(Loomy::NodeWatcher::EventType type, unsigned symbol) const
-    {
-        return int(std::count(heard.begin(), heard.end(), Loomy::NodeWatcher::Event{type, symbol}));
-    }
 
-    // What any listener of the tree but the sender hears. Ahead of the tree, whose deletion still
-    // reports removals.
-    std::vector<Loomy::NodeWatcher::Event> heard;
+    std::vector<Loomy::NodeWatcher::Event> heard; // by a listener other than the sender; outlives the tree
     TraceCapture trace;
     Tamarack::Node app;
     Loomy::RemoteNode &node = *new Loomy::RemoteNode(&app, "remote");

@@ -36,7 +36,9 @@ struct LOOMY_EXPORT BundleControllerParams
 {
     // Null: the core collects and drops its bundles.
     std::shared_ptr<Connection> connection;
-    // Called for a received event; empty means RemoteNode::handleRemoteEvent(name, data, 0).
+    // Called for a received event; empty means RemoteNode::handleRemoteEvent(name, data, source),
+    // with a source that no other session of the process uses, so that the sliced events of
+    // several peers of one node never mix. A handler set here chooses its own sources.
     std::function<void(const QByteArray &, Kestrel::BinaryData &)> eventHandler;
     // Discard a remote value for an attribute whose last local send the peer has not yet
     // acknowledged.

@@ -22,6 +22,15 @@
 
 namespace Loomy {
 
+namespace {
+
+// Each session's default event handler keys its peer's sliced events by a source of its own:
+// every peer numbers its slices from 0, so two peers of one node would otherwise fill, and
+// corrupt, each other's records. Never 0, which stays free for handlers an application sets.
+std::atomic<long> s_nextEventSource{1};
+
+} // namespace
+
 // The members are declared in the order that fixes teardown: the modules a core creates go before
 // the connection and the flags, and the dispatcher, whose lists keep the senders and receivers
 // alive, goes after all of them.
@@ -100,8 +109,9 @@ void Core::ensureIsInitialized()
     } else {
         // The node outlives the core: a global core goes at the node's "destroyed" event.
         RemoteNode *target = &node;
-        m_d->oneWayEventReceiver->m_handler = [target](const QByteArray &name, Kestrel::BinaryData &data) {
-            target->handleRemoteEvent(name, data, 0);
+        const long source = s_nextEventSource.fetch_add(1);
+        m_d->oneWayEventReceiver->m_handler = [target, source](const QByteArray &name, Kestrel::BinaryData &data) {
+            target->handleRemoteEvent(name, data, source);
         };
     }
     m_d->newAttributeReceiver->setCreateMissingAttributes(params.createMissingAttributes);

@@ -102,7 +102,10 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
                 deserializer(reader);
                 m_sender.stopIgnoring(echo);
             }
-        } else if (m_createMissingAttributes) {
+        } else if (m_createMissingAttributes && ((flags & 1u) != 0 || !record->resendValue)) {
+            // Not for an answer without a value to an announcement of ours that a local removal
+            // has withdrawn since: that removal is on its way and takes the peer's copy, and
+            // making the attribute here would bring back what this side removed.
             attribute = createAttribute(typeId);
             if (attribute) {
                 deserializer = createDeserializer(*record, attribute, size);

@@ -294,9 +294,13 @@ void NodeChangeSender::D::sendAdded(LoomySessionAttribute &record, bool sendValu
     // value goes only if it changed since, or the attribute came back after a removal.
     const bool hasValue = (record.localOrigin && record.lastReceivedId == 0) || sendValue || record.resendValue;
     writer.write<quint32>(hasValue ? 1u : 0u);
-    if (hasValue)
+    // Only a value sent makes the peer's crossing values stale. An answer without one only tells
+    // the peer our symbol: marking it would drop the peer's next change, written before the
+    // answer arrived, although no value of ours crossed it.
+    if (hasValue) {
         record.serializer(writer);
-    record.lastSentId = headerBundleId(writer);
+        record.lastSentId = headerBundleId(writer);
+    }
     record.resendValue = false;
 }
 

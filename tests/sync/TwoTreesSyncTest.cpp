@@ -253,4 +253,70 @@ TEST_P(CrossingValues, TwoValuesWrittenInOneFrame)
 }
 INSTANTIATE_TEST_SUITE_P(Rule, CrossingValues, ::testing::ValuesIn(s_crossCases), [](const auto &i) { return std::string(i.param.name); });
 
+// An addition removed again before the peer's answer came back: the answer, which carries no value,
+// must not make the attribute again on the side that removed it, nor, through that, on the peer.
+TEST_F(TwoTreesSyncTest, AdditionRemovedBeforeTheAnswerStaysRemoved)
+{
+    join();
+    settle();
+    new FloatAttr(&left, "x", 1.f);
+    frames(1);
+    delete at(left, "x");
+    settle();
+    EXPECT_EQ(at(left, "x"), nullptr);
+    EXPECT_EQ(at(right, "x"), nullptr);
+    new FloatAttr(&left, "x", 2.f); // and the path still works
+    settle();
+    EXPECT_EQ(value(right, "x"), 2.f);
+}
+
+// One node with a session per peer, as a server holds them. Each peer is a process of its own and
+// numbers its sliced events from 0, so two peers' slices carry the same ids; sent in the same
+// frames, each must arrive whole, as its peer sent it. A change on one peer reaches the other
+// through the node.
+TEST_F(TwoTreesSyncTest, TwoPeersOfOneNodeKeepTheirSlicedEventsApart)
+{
+    RecordingNode &other = *new RecordingNode(&rightApp, "other");
+    new FloatAttr(&right, "x", 1.f);
+    join();
+    Loomy::BundleControllerParams params;
+    params.createMissingAttributes = true;
+    Loomy::LocalSessionPair second = Loomy::connectLocally(left, params, other, params);
+    settle();
+    ASSERT_EQ(value(other, "x"), 1.f);
+    const QByteArray payloads[2] = {"first peer: 0123456789", "the other!: abcdefghij"};
+    RecordingNode *peers[2] = {&right, &other};
+    const int sliceSize = 8, slices = 3;
+    for (int p = 0; p < 2; ++p) {
+        Kestrel::BinaryData begin;
+        begin.writeInt32(0);
+        begin.writeString("big");
+        begin.writeInt32(sliceSize);
+        begin.writeInt64(payloads[p].size());
+        peers[p]->eventProcess("event-slice-begin", begin);
+    }
+    for (int i = 0; i < slices; ++i) {
+        frames(1);
+        for (int p = 0; p < 2; ++p) {
+            Kestrel::BinaryData slice;
+            slice.writeInt32(0);
+            slice.writeInt32(i);
+            const QByteArray bytes = payloads[p].mid(i * sliceSize, sliceSize);
+            slice.writeBlob(bytes.constData(), bytes.size());
+            peers[p]->eventProcess("event-slice", slice);
+        }
+    }
+    settle();
+    QList<QByteArray> received = left.received;
+    std::sort(received.begin(), received.end());
+    EXPECT_EQ(received.join(' ').toStdString(), ("big:" + payloads[0].toHex() + " big:" + payloads[1].toHex()).toStdString());
+    EXPECT_TRUE(right.received.isEmpty() && other.received.isEmpty());
+    set(right, "x", 2.f);
+    settle();
+    EXPECT_EQ(value(other, "x"), 2.f);
+    set(other, "x", 3.f);
+    settle();
+    EXPECT_EQ(value(right, "x"), 3.f);
+}
+
 } // namespace

@@ -48,6 +48,19 @@ struct LOOMY_EXPORT BundleControllerParams
     bool enabled = true;
     // True: driven by updateAllControllers(). False: by BundleController::update().
     bool useGlobalUpdate = true;
+    // This side's state wins at first contact, where both sides announce what they hold, as at
+    // every reconnection: a value that the peer announces for an attribute this side already
+    // holds is not applied (stale or not), and this side sends its own value again as a change in
+    // its next update. That change acknowledges the peer's announcement, so the peer takes it
+    // whatever its own settings are. Attributes only the peer holds are made here as usual, and
+    // after a path's first contact the ordinary rules apply. Nothing changes on the wire.
+    //
+    // One side of a session should be authoritative. With neither, the two first announcements
+    // cross, and the sides stay apart until the attribute is next written (see dropStaleChanges).
+    // With both, each refuses the other's value and the two resent values cross once more, with
+    // the same result. A removal made while no session ran can't be known at first contact: the
+    // attribute comes back from the side that still holds it. Off by default.
+    bool authoritative = false;
 };
 
 class LOOMY_EXPORT BundleController

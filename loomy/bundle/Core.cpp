@@ -104,6 +104,7 @@ void Core::ensureIsInitialized()
     m_d->connection = params.connection;
     m_d->newAttributeReceiver->m_dropStaleChanges = params.dropStaleChanges;
     m_d->attributeUpdateReceiver->m_dropStaleChanges = params.dropStaleChanges;
+    m_d->newAttributeReceiver->m_authoritative = params.authoritative;
     if (params.eventHandler) {
         m_d->oneWayEventReceiver->m_handler = params.eventHandler;
     } else {

@@ -60,6 +60,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
         if (!record)
             record = m_storage.create(name);
         m_storage.indexByReadSymbol(symbol, record);
+        const bool firstAnnouncement = record->readSymbol == 0; // in this session
 
         record->readSymbol = symbol;
         record->readType = typeId;
@@ -89,6 +90,14 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
 
         Tamarack::Attribute *attribute = node->attribute(attributeName);
         record->localOrigin = attribute != nullptr;
+        if (attribute && m_authoritative && firstAnnouncement && (flags & 1u) != 0) {
+            // This side's state wins at first contact: ours goes back as a change, in a bundle
+            // that acknowledges this one, so that even a peer that drops stale values takes it.
+            if (hasValue)
+                skipValue(reader, size);
+            hasValue = false;
+            m_sender.queueChange(record->writeSymbol);
+        }
         std::function<void(BundleReaderCore &)> deserializer;
 
         if (attribute) {

@@ -69,6 +69,9 @@ public:
     // Set by the session's initialisation before the first bundle: drop a value whose bundle
     // doesn't yet acknowledge this side's last send of the attribute.
     bool m_dropStaleChanges = false;
+    // Set likewise: at the peer's first announcement of a path that this side holds, refuse the
+    // peer's value and send ours again.
+    bool m_authoritative = false;
 };
 
 } // namespace Loomy

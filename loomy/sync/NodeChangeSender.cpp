@@ -439,4 +439,9 @@ bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event &event)
     return true;
 }
 
+void NodeChangeSender::queueChange(unsigned int symbol)
+{
+    m_d->onAttributeChange(Event{NodeWatcher::ATTRIBUTE_CHANGED, symbol});
+}
+
 } // namespace Loomy

@@ -54,6 +54,10 @@ public:
     // True exactly if an entry was erased.
     bool stopIgnoring(const NodeWatcher::Event &event);
 
+    // Queues a change of the attribute with this local symbol as if the tree had raised it, so
+    // that its present value goes in the next update. Frame thread.
+    void queueChange(unsigned int symbol);
+
 private:
     class D;
     std::unique_ptr<D> m_d;

@@ -1133,6 +1133,7 @@ struct WritersCase
     const char *name;
     unsigned seed;
     bool dropStaleChanges;
+    bool leftRules; // the left side is authoritative, which must change nothing after first contact
 };
 
 void PrintTo(const WritersCase &run, std::ostream *os)
@@ -1159,7 +1160,9 @@ protected:
         Loomy::BundleControllerParams params;
         params.createMissingAttributes = true;
         params.dropStaleChanges = GetParam().dropStaleChanges;
-        m_sessions = Loomy::connectLocally(m_left, params, m_right, params);
+        Loomy::BundleControllerParams leftParams = params;
+        leftParams.authoritative = GetParam().leftRules;
+        m_sessions = Loomy::connectLocally(m_left, leftParams, m_right, params);
         passes(SettlePasses); // an event sent before the first pass has no session yet
     }
 
@@ -1336,8 +1339,9 @@ TEST_P(TwoWritersRandomTest, EachHalfArrivesWholeAndEveryEventOnce)
 }
 
 const WritersCase s_writers[] = {
-    {"Seed1", 1, false}, {"Seed2", 2, false}, {"Seed3", 3, false},
-    {"Seed1DropStale", 1, true}, {"Seed2DropStale", 2, true}, {"Seed3DropStale", 3, true},
+    {"Seed1", 1, false, false},          {"Seed2", 2, false, false},          {"Seed3", 3, false, false},
+    {"Seed1DropStale", 1, true, false},  {"Seed2DropStale", 2, true, false},  {"Seed3DropStale", 3, true, false},
+    {"Seed4LeftRules", 4, false, true},  {"Seed4LeftRulesDropStale", 4, true, true},
 };
 
 INSTANTIATE_TEST_SUITE_P(Runs, TwoWritersRandomTest, ::testing::ValuesIn(s_writers),

@@ -93,10 +93,13 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
         if (attribute && m_authoritative && firstAnnouncement && (flags & 1u) != 0) {
             // This side's state wins at first contact: ours goes back as a change, in a bundle
             // that acknowledges this one, so that even a peer that drops stale values takes it.
+            // Without a serialiser our own announcement hasn't left yet (a disabled session
+            // doesn't update the tree before a batch); it carries our value, as none was taken.
             if (hasValue)
                 skipValue(reader, size);
             hasValue = false;
-            m_sender.queueChange(record->writeSymbol);
+            if (record->serializer)
+                m_sender.queueChange(record->writeSymbol);
         }
         std::function<void(BundleReaderCore &)> deserializer;
 

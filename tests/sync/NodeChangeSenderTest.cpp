@@ -72,8 +72,9 @@ TEST_F(NodeChangeSenderTest, UpdateAndRemoveBodies)
     EXPECT_TRUE(record("f").resendValue);
 }
 
-// Whether an announcement carries the value, and so moves the staleness mark. The record stands for what the receivers leave: a
-// path the peer announced (lastReceivedId set) and, unless it was here first, made for it.
+// Whether an announcement carries the value, and so moves the staleness mark. The record stands
+// for what the receivers leave: a path the peer announced (lastReceivedId set) and, unless it was
+// here first, made for it.
 struct ValueRuleCase { const char *name; bool localOrigin; quint32 lastReceivedId; bool changedLocally; quint32 flags; };
 const ValueRuleCase s_valueRules[] = {
     {"OwnAndUnheardGoesWithValue", true, 0, false, 1},

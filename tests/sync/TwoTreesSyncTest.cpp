@@ -390,4 +390,22 @@ TEST_P(SessionRestart, AuthoritativeSideWinsAtFirstContact)
 }
 INSTANTIATE_TEST_SUITE_P(Authority, SessionRestart, ::testing::ValuesIn(s_restarts), [](const auto &i) { return std::string(i.param.name); });
 
+// A disabled session doesn't update its tree before it applies a batch, so an attribute added
+// meanwhile meets the peer's announcement before its own has left: that one carries the value.
+TEST_F(TwoTreesSyncTest, AuthoritativeSideWhoseAdditionHasNotLeftYetSendsItWithTheValue)
+{
+    new FloatAttr(&right, "x", 7.f);
+    Loomy::BundleControllerParams leftParams, rightParams;
+    leftParams.createMissingAttributes = rightParams.createMissingAttributes = true;
+    leftParams.authoritative = true;
+    leftParams.enabled = false;
+    sessions = Loomy::connectLocally(left, leftParams, right, rightParams);
+    frames(1);
+    new FloatAttr(&left, "x", 1.f);
+    frames(3);
+    sessions.first->setEnabled(true);
+    settle();
+    EXPECT_EQ(values("x"), std::make_pair(1.f, 1.f));
+}
+
 } // namespace

@@ -56,10 +56,11 @@ struct LOOMY_EXPORT BundleControllerParams
     // after a path's first contact the ordinary rules apply. Nothing changes on the wire.
     //
     // One side of a session should be authoritative. With neither, the two first announcements
-    // cross, and the sides stay apart until the attribute is next written (see dropStaleChanges).
-    // With both, each refuses the other's value and the two resent values cross once more, with
-    // the same result. A removal made while no session ran can't be known at first contact: the
-    // attribute comes back from the side that still holds it. Off by default.
+    // cross, and the sides can stay apart until the attribute is next written (see
+    // dropStaleChanges). With both, each refuses the other's value and the two resent values
+    // cross once more, with the same result. A removal made while no session ran can't be known
+    // at first contact: the attribute comes back from the side that still holds it. Off by
+    // default.
     bool authoritative = false;
 };
 

@@ -1,5 +1,6 @@
 #include "loomy/assets/AssetBase.h"
 
+#include "kestrel/DirectoryListing.h"
 #include "kestrel/Mutex.h"
 #include "kestrel/Trace.h"
 
@@ -7,9 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QList>
-#include <QPair>
-#include <QSet>
 #include <QSettings>
 
 #include <atomic>
@@ -20,12 +18,31 @@ namespace Loomy {
 
 namespace {
 
-using ToHash = QList<QPair<QString, QFileInfo>>;
+struct Found
+{
+    QString name;
+    QDateTime modified;
+    long long size;
+};
+using ToHash = std::vector<Found>;
+
+const int s_hashBlock = 4096;
 
 // Partial downloads, and names with a character that the file commands' name pattern can't
-// carry, are left out of every list.
-const QStringList s_invisible = {QStringLiteral("*.filesync.part"), QStringLiteral("*[\\:*?\"<>]*")};
-const int s_hashBlock = 4096;
+// carry, are left out of every list: the names that QDir's (case-insensitive) wildcard filters
+// "*.filesync.part" and "*[\\:*?\"<>]*" select. Matched here rather than by a second listing of
+// each folder, which would double the cost of a scan.
+bool isInvisible(const QString &fileName)
+{
+    static const QString s_unsafe = QStringLiteral("\\:*?\"<>");
+    if (fileName.endsWith(QLatin1String(".filesync.part"), Qt::CaseInsensitive))
+        return true;
+    for (const QChar c : fileName) {
+        if (s_unsafe.contains(c))
+            return true;
+    }
+    return false;
+}
 
 void report(ProgressSender *sender, const QString &text)
 {
@@ -91,37 +108,32 @@ public:
 };
 
 // The walk of one folder, `directory` beginning and ending in "/". listMutex and removeMutex held.
+// The listing is that of QDir with QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot |
+// QDir::NoDotDot (hidden names out, links followed); see isInvisible for what it leaves out.
 long long AssetBase::D::walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash)
 {
-    const QDir dir(root + directory);
-    const QFileInfoList entries = dir.entryInfoList(
-        QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot, QDir::NoSort);
-    QSet<QString> invisible;
-    for (const QFileInfo &info : dir.entryInfoList(
-             s_invisible, QDir::Files | QDir::Dirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot, QDir::NoSort))
-        invisible.insert(info.fileName());
     long long bytes = 0;
-    for (const QFileInfo &info : entries) {
+    for (const Kestrel::DirectoryEntry &entry : Kestrel::listDirectory(root + directory)) {
         if (!scanning)
             break;
-        const QString fileName = info.fileName();
-        if (invisible.contains(fileName))
+        if (isInvisible(entry.name))
             continue;
-        const QString name = directory + fileName;
-        if (info.isDir()) {
+        const QString name = directory + entry.name;
+        if (entry.isDir) {
             bytes += walk(name + QLatin1Char('/'), result, toHash);
             continue;
         }
-        if (!info.isFile() || removeQueue.count(name))
+        if (removeQueue.count(name))
             continue;
         // The time alone decides: a file rewritten within the same timestamp isn't hashed again.
+        const QDateTime modified = QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC);
         const auto known = fileList.constFind(name);
-        if (known != fileList.cend() && info.lastModified() == known->ts) {
+        if (known != fileList.cend() && modified == known->ts) {
             result.insert(name, *known);
             continue;
         }
-        toHash.append(qMakePair(name, info));
-        bytes += info.size();
+        toHash.push_back({name, modified, entry.size});
+        bytes += entry.size;
     }
     return bytes;
 }
@@ -182,10 +194,10 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
         m_d->walk(QStringLiteral("/"), result, toHash);
     }
     char block[s_hashBlock];
-    for (const auto &item : toHash) {
+    for (const Found &item : toHash) {
         if (!m_d->scanning)
             break;
-        const QString &name = item.first;
+        const QString &name = item.name;
         QFile file(m_d->fullPath(name));
         if (!file.open(QIODevice::ReadOnly)) {
             report(sender, QStringLiteral("Failed to open: %1").arg(name));
@@ -201,8 +213,7 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
         }
         file.close();
         report(sender, QStringLiteral("Generated checksums: %1").arg(name));
-        result.insert(name, FileInfo(item.second.lastModified(), hash.result(), item.second.size(),
-                                     Kestrel::TimeStamp::currentTime()));
+        result.insert(name, FileInfo(item.modified, hash.result(), item.size, Kestrel::TimeStamp::currentTime()));
     }
     // A stopped scan is incomplete: it must replace neither the list nor the cache.
     if (m_d->scanning && result != m_d->fileList) {
@@ -349,7 +360,7 @@ bool AssetBase::removeFileFromDownloadList(QString name, bool success)
         // The announced checksum stands for the file at once, so that it can be offered before
         // the next scan; that scan then finds the time unchanged and doesn't hash it again.
         const QFileInfo file(m_d->fullPath(name));
-        const QDateTime ts = file.exists() ? file.lastModified() : QDateTime::currentDateTime();
+        const QDateTime ts = (file.exists() ? file.lastModified() : QDateTime::currentDateTime()).toUTC();
         Kestrel::MutexLocker listLock(m_d->listMutex);
         Kestrel::MutexLocker readLock(m_d->readMutex);
         m_d->fileList.insert(name, FileInfo(ts, record.md5, record.size, Kestrel::TimeStamp::currentTime()));

@@ -90,7 +90,7 @@ TEST_F(AssetBaseTest, TheCacheDecidesByTimeAloneAndIsSharedByEveryObjectOfTheRoo
 TEST_F(AssetBaseTest, PartFilesOddNamesHiddenAndMarkedFilesAreInNoList)
 {
     for (const char *name : {"/keep", "/dir/x.filesync.part", "/dir/inner", "/q\"uote", "/co:lon", "/st*ar",
-                             "/que?ry", "/a<b", "/a>b", "/.hidden", "/marked", "/dir\"odd/inside"})
+                             "/que?ry", "/a<b", "/a>b", "/back\\slash", "/X.FILESYNC.PART", "/.hidden", "/marked", "/dir\"odd/inside"})
         writeFile(path(name), name);
     ASSERT_TRUE(QFile::link(path("/keep"), path("/link")));
     AssetBase assets(m_dir.path());

@@ -1,4 +1,6 @@
 #pragma once
+#include "net/NetTestUtil.h"
+
 #include <QByteArray>
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -7,26 +9,7 @@
 #include <QFileInfo>
 #include <QString>
 
-#include <chrono>
-#include <functional>
-#include <ostream>
 #include <stdexcept>
-#include <thread>
-
-inline void PrintTo(const QString &text, std::ostream *out) { *out << '"' << text.toStdString() << '"'; }
-
-// How long a threaded test waits for what should happen soon: reached only when it fails.
-const auto s_patience = std::chrono::seconds(20);
-
-inline bool eventually(const std::function<bool()> &condition)
-{
-    for (const auto deadline = std::chrono::steady_clock::now() + s_patience; !condition();) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 // Writes the bytes, making the folders; with a valid time, sets it as the modification time.
 inline void writeFile(const QString &path, const QByteArray &bytes, const QDateTime &mtime = QDateTime())

@@ -4,7 +4,8 @@
 //   loomy-pair-example connect <host> <port>  the right side
 //
 // Each process is what an application has: its own tree with a Loomy::RemoteNode in it, a
-// connection (a Loomy::ConnectionThread subclass), and for each connection that stands a
+// connection (a Loomy::ConnectionThread subclass; on the accepting side made by a
+// Loomy::ServerBase subclass for the socket it accepts), and for each connection that stands a
 // Loomy::BundleController whose bundles go out through a Loomy::Loomy1Connection. The
 // connection's parser hands "loomy2" lines to Loomy::processLoomy2, which schedules the bundles
 // on the controller; the frame loop (Tamarack::Node::runHostUpdate, 60 times a second) applies
@@ -16,12 +17,11 @@
 // batches keep their order, a side that sees the peer's flag has everything the peer did. Both
 // print their tree, one "path type value" line per attribute, and leave; the trees are equal if
 // the printouts are (tools/run-example.sh and the example's test compare them).
+#include "loomy/assets/ServerBase.h"
 #include "loomy/bundle/Loomy1Support.h"
 #include "loomy/net/ConnectionThread.h"
 #include "loomy/sync/RemoteNode.h"
 
-#include "kestrel/TCPServerSocket.h"
-#include "kestrel/TCPSocket.h"
 #include "tamarack/AttributeT.h"
 #include "tamarack/Node.h"
 #include "wisket/Vector.h"
@@ -95,6 +95,38 @@ private:
     std::shared_ptr<Loomy::BundleController> m_controller;
 };
 
+// The accepting side: a PairConnection for each accepted socket. The server keeps the list and
+// takes a connection down when its peer leaves; this example serves the first one.
+class PairServer : public Loomy::ServerBase
+{
+public:
+    explicit PairServer(Loomy::RemoteNode &node) : m_node(node) {}
+    ~PairServer() override { shutdown(); }
+
+protected:
+    std::shared_ptr<Loomy::ConnectionThread> createConnection(Kestrel::TCPSocket *socket) override
+    {
+        if (!socket)
+            return nullptr;   // accept failed
+        return std::make_shared<PairConnection>(socket, true, m_node);
+    }
+
+private:
+    Loomy::RemoteNode &m_node;
+};
+
+// Waits up to the time for the condition, checking every 10 milliseconds.
+template <typename Condition>
+bool waitFor(Condition condition, std::chrono::seconds within)
+{
+    for (const auto deadline = std::chrono::steady_clock::now() + within; !condition();) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
 // The attribute at a "/"-separated path below node, or null.
 Tamarack::Attribute *find(Node &node, const QByteArray &path)
 {
@@ -162,17 +194,19 @@ int main(int argc, char **argv)
         add(*shared, "right/tags", QStringList{"red", "round"});
     }
 
+    std::unique_ptr<PairServer> server;
     std::shared_ptr<PairConnection> connection;
     if (left) {
-        Kestrel::TCPServerSocket server;
-        if (server.open("127.0.0.1", std::atoi(argv[2]), 1) != 0)
+        server = std::make_unique<PairServer>(*shared);
+        server->run("127.0.0.1", std::atoi(argv[2]));
+        // A port that is taken is retried for as long as the server runs; this example gives up.
+        if (!waitFor([&] { return server->port() != 0; }, std::chrono::seconds(10)))
             return 1;
-        std::printf("listening on port %d\n", server.port());
+        std::printf("listening on port %d\n", server->port());
         std::fflush(stdout);
-        if (!server.isPendingConnection(30 * 1000 * 1000))
+        if (!waitFor([&] { return !server->instances().isEmpty(); }, std::chrono::seconds(30)))
             return 1;
-        connection = std::make_shared<PairConnection>(server.accept(), true, *shared);
-        connection->run();
+        connection = std::static_pointer_cast<PairConnection>(server->instances().first());
     } else {
         connection = std::make_shared<PairConnection>(nullptr, false, *shared);
         connection->connectToHost(argv[2], std::atoi(argv[3]));
@@ -223,12 +257,16 @@ int main(int argc, char **argv)
         std::printf("%s %s\n", row.first.constData(), row.second.constData());
     std::printf("== end\n");
 
-    // The connection's thread ends first, so that no batch arrives for a session going away; the
-    // next pass releases the session while the tree still stands.
+    // The connection's thread ends first, so that no batch arrives for a session going away. The
+    // server's end finishes the connection's removal; the next pass then releases the session
+    // and the connection's last reference while the tree still stands.
+    if (server)
+        server->stop(false);
     connection->stop();
     connection->waitEnd(0);
     connection->dropSession();
-    Node::runHostUpdate();
     connection.reset();
+    server.reset();
+    Node::runHostUpdate();
     return finishing == 0 ? 0 : 1;
 }

@@ -10,9 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <future>
-#include <mutex>
 
 using Loomy::AssetBase;
 
@@ -120,33 +118,42 @@ TEST_F(AssetBaseTest, StopIsFinalAndAStoppedScanChangesNothing)
     EXPECT_EQ(cache.value("MD5").toByteArray().toHex(), md5Hex("one")) << "the cache was left as it was";
 }
 
-TEST_F(AssetBaseTest, DownloadListRecords)
+TEST_F(AssetBaseTest, DownloadListRecordsAndClearingOneConnectionsDownloads)
 {
-    AssetBase assets(m_dir.path());
-    const Kestrel::TimeStamp stamp(7);
-    EXPECT_EQ(assets.totalParts("/f"), -1);
-    EXPECT_EQ(assets.currentParts("/f"), -1);
+    Assets assets(m_dir.path());
+    assets.buildFileList(nullptr);
+    EXPECT_EQ(assets.totalParts("/f") + assets.currentParts("/f"), -2);
     EXPECT_FALSE(assets.increasePartCount("/f"));
-    EXPECT_EQ(assets.downloadListMD5("/f"), "");
-    EXPECT_EQ(assets.downloadListPartMD5("/f"), "");
+    EXPECT_EQ(assets.downloadListMD5("/f") + assets.downloadListPartMD5("/f"), "");
     EXPECT_FALSE(assets.downloadListStartTime("/f").isValid());
 
-    const QString announced = md5Hex("abcdef");
-    ASSERT_TRUE(assets.addFileToDownloadList("/f", 6, 2, announced, stamp));
-    EXPECT_FALSE(assets.addFileToDownloadList("/f", 9, 9, md5Hex("x"), stamp));
-    EXPECT_TRUE(assets.isDownloading("/f"));
+    const Kestrel::TimeStamp mine(1), other(2);
+    ASSERT_TRUE(assets.addFileToDownloadList("/f", 6, 2, md5Hex("abcdef"), mine));
+    EXPECT_FALSE(assets.addFileToDownloadList("/f", 9, 9, md5Hex("x"), mine));
     EXPECT_EQ(assets.totalParts("/f"), 2);
-    EXPECT_EQ(assets.downloadListMD5("/f"), announced);
     EXPECT_EQ(assets.downloadListPartMD5("/f"), md5Hex(""));
-    EXPECT_TRUE(assets.downloadListStartTime("/f").isValid());
-    QByteArray part = "abc";
-    assets.downloadListAddHashData("/f", part);
-    EXPECT_TRUE(assets.increasePartCount("/f"));
-    EXPECT_EQ(assets.downloadListPartMD5("/f"), md5Hex("abc"));
-    part = "def";
-    assets.downloadListAddHashData("/f", part);
-    EXPECT_EQ(assets.downloadListPartMD5("/f"), announced) << "taking a result doesn't end the hash";
-    EXPECT_EQ(assets.currentParts("/f"), 1);
+    for (QByteArray part : {"abc", "def"}) {
+        assets.downloadListAddHashData("/f", part);
+        EXPECT_EQ(assets.downloadListPartMD5("/f"), md5Hex(part == "abc" ? "abc" : "abcdef")) << "the result doesn't end the hash";
+    }
+    EXPECT_EQ(assets.downloadListMD5("/f"), md5Hex("abcdef"));
+
+    // Only a download that received a part owns its part file.
+    for (const char *name : {"/started", "/waiting", "/others"}) {
+        writeFile(path(name) + ".filesync.part", "x");
+        ASSERT_TRUE(assets.addFileToDownloadList(name, 1, 1, md5Hex("x"), QString(name) == "/others" ? other : mine));
+    }
+    assets.increasePartCount("/started");
+    assets.increasePartCount("/others");
+    writeFile(path("/new"), "new");
+    EXPECT_FALSE(assets.clearDownloadList(Kestrel::TimeStamp(3)));
+    EXPECT_TRUE(assets.clearDownloadList(mine));
+    EXPECT_FALSE(QFile::exists(path("/started.filesync.part")));
+    EXPECT_TRUE(QFile::exists(path("/waiting.filesync.part")) && QFile::exists(path("/others.filesync.part")));
+    EXPECT_FALSE(assets.isDownloading("/f") || assets.isDownloading("/started") || assets.isDownloading("/waiting"));
+    EXPECT_TRUE(assets.isDownloading("/others"));
+    EXPECT_EQ(assets.finished, 0);
+    EXPECT_EQ(assets.md5("/new"), "") << "no scan";
 }
 
 // A failed download adds nothing, and only the last removal scans (the new file appears) and
@@ -174,31 +181,6 @@ TEST_F(AssetBaseTest, TheLastRemovalFromTheDownloadListScansOnceAndFinishes)
     EXPECT_EQ(assets.finished, 1);
 }
 
-TEST_F(AssetBaseTest, ClearingAConnectionsDownloadsDeletesOnlyPartFilesThatGotAPart)
-{
-    Assets assets(m_dir.path());
-    assets.buildFileList(nullptr);
-    const Kestrel::TimeStamp mine(1), other(2);
-    for (const char *name : {"/started", "/waiting", "/others"}) {
-        writeFile(path(name) + ".filesync.part", "x");
-        ASSERT_TRUE(assets.addFileToDownloadList(name, 1, 1, md5Hex("x"), QString(name) == "/others" ? other : mine));
-    }
-    assets.increasePartCount("/started");
-    assets.increasePartCount("/others");
-    writeFile(path("/new"), "new");
-
-    EXPECT_FALSE(assets.clearDownloadList(Kestrel::TimeStamp(3)));
-    EXPECT_TRUE(assets.clearDownloadList(mine));
-    EXPECT_FALSE(QFile::exists(path("/started.filesync.part")));
-    EXPECT_TRUE(QFile::exists(path("/waiting.filesync.part")));
-    EXPECT_TRUE(QFile::exists(path("/others.filesync.part")));
-    EXPECT_FALSE(assets.isDownloading("/started"));
-    EXPECT_FALSE(assets.isDownloading("/waiting"));
-    EXPECT_TRUE(assets.isDownloading("/others"));
-    EXPECT_EQ(assets.finished, 0);
-    EXPECT_EQ(assets.md5("/new"), "") << "no scan";
-}
-
 TEST_F(AssetBaseTest, RemovingAFileTakesItsEmptyFoldersUpToTheRoot)
 {
     writeFile(path("/a/b/c/f"), "f");
@@ -212,23 +194,19 @@ TEST_F(AssetBaseTest, RemovingAFileTakesItsEmptyFoldersUpToTheRoot)
     EXPECT_TRUE(QFileInfo::exists(m_dir.path()));
 }
 
-// The readers that connections call must answer while a scan holds the list lock, and while the
-// last removal's scan holds the download lock.
+// The readers that connections call must answer while a scan holds the list lock (here the
+// scan is held at its first progress text).
 TEST_F(AssetBaseTest, ReadersDontWaitForAScan)
 {
     struct Blocking : Loomy::ProgressSender
     {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool inside = false, release = false;
+        std::promise<void> entered, release;
         void transferInfo(const QString &text) override
         {
-            if (text != "Scanning directory tree...")
-                return;
-            std::unique_lock<std::mutex> lock(mutex);
-            inside = true;
-            changed.notify_all();
-            changed.wait(lock, [this] { return release; });
+            if (text == "Scanning directory tree...") {
+                entered.set_value();
+                release.get_future().wait();
+            }
         }
     } blocking;
     writeFile(path("/a"), "a");
@@ -236,21 +214,13 @@ TEST_F(AssetBaseTest, ReadersDontWaitForAScan)
     assets.buildFileList(nullptr);
     ASSERT_TRUE(assets.addFileToDownloadList("/d", 1, 1, md5Hex("d"), Kestrel::TimeStamp(1)));
     auto scan = std::async(std::launch::async, [&] { assets.buildFileList(&blocking); });
-    {
-        std::unique_lock<std::mutex> lock(blocking.mutex);
-        ASSERT_TRUE(blocking.changed.wait_for(lock, s_patience, [&] { return blocking.inside; }));
-    }
+    blocking.entered.get_future().wait();
     auto reads = std::async(std::launch::async, [&] {
         return assets.md5("/a") + assets.downloadListMD5("/d") + assets.downloadListPartMD5("/d") +
-               QString::number(assets.totalParts("/d") + assets.currentParts("/d")) +
-               (assets.isDownloading("/d") ? "y" : "n");
+               QString::number(assets.totalParts("/d") + assets.currentParts("/d")) + (assets.isDownloading("/d") ? "y" : "n");
     });
     const bool answered = reads.wait_for(s_patience) == std::future_status::ready;
-    {
-        std::lock_guard<std::mutex> lock(blocking.mutex);
-        blocking.release = true;
-        blocking.changed.notify_all();
-    }
+    blocking.release.set_value();
     ASSERT_TRUE(answered);
     EXPECT_EQ(reads.get(), md5Hex("a") + md5Hex("d") + md5Hex("") + "1y");
 }

@@ -107,17 +107,22 @@ protected:
         m_downAssets = std::make_unique<Assets>(m_downDir.path());
         m_downAssets->buildFileList(nullptr);
     }
+    // A downloader that connects to the listener, and the socket it got there.
+    Kestrel::TCPSocket *connectDownloader(Kestrel::TCPServerSocket &listener)
+    {
+        EXPECT_EQ(listener.open("127.0.0.1", 0, 2), 0);
+        m_downloader = std::make_unique<Handler>(nullptr, false, *m_downAssets);
+        m_downloader->setReconnect(false);
+        m_downloader->connectToHost("127.0.0.1", listener.port());
+        EXPECT_TRUE(listener.isPendingConnection(10 * 1000 * 1000));
+        return listener.accept();
+    }
     // The downloader connects to the uploader, which has the server role.
     void connectPair()
     {
         makeAssets();
         Kestrel::TCPServerSocket listener;
-        ASSERT_EQ(listener.open("127.0.0.1", 0, 2), 0);
-        m_downloader = std::make_unique<Handler>(nullptr, false, *m_downAssets);
-        m_downloader->setReconnect(false);
-        m_downloader->connectToHost("127.0.0.1", listener.port());
-        ASSERT_TRUE(listener.isPendingConnection(10 * 1000 * 1000));
-        m_uploader = std::make_unique<Handler>(listener.accept(), true, *m_upAssets);
+        m_uploader = std::make_unique<Handler>(connectDownloader(listener), true, *m_upAssets);
         m_uploader->run();
         ASSERT_TRUE(eventually([&] { return m_downloader->isConnected() && m_uploader->isConnected(); }));
     }
@@ -239,12 +244,7 @@ TEST_F(FileTransfer, ACutDownloadLeavesNoPartFileAndNoEntry)
     makeAssets();
     writeFile(down("/cut"), "old");
     Kestrel::TCPServerSocket listener;
-    ASSERT_EQ(listener.open("127.0.0.1", 0, 2), 0);
-    m_downloader = std::make_unique<Handler>(nullptr, false, *m_downAssets);
-    m_downloader->setReconnect(false);
-    m_downloader->connectToHost("127.0.0.1", listener.port());
-    ASSERT_TRUE(listener.isPendingConnection(10 * 1000 * 1000));
-    RawPeer peer(listener.accept());
+    RawPeer peer(connectDownloader(listener));
     loginAsServer(peer);
     TraceCapture trace;
 

@@ -3,6 +3,7 @@
 #include "kestrel/SocketDescriptor.h"
 #include "kestrel/Trace.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -19,24 +20,24 @@ namespace Kestrel {
 
 namespace {
 
-const std::chrono::seconds s_connectTimeout(10);
 const int s_connectSliceMs = 100;   // how soon a close() during open() is noticed
 
 // Connects a fresh non-blocking socket, watching for close() on `descriptor` between slices.
-int connectWithin(SocketDescriptor &descriptor, int fd, const sockaddr *address, socklen_t length)
+int connectWithin(SocketDescriptor &descriptor, int fd, const sockaddr *address, socklen_t length,
+                  std::chrono::steady_clock::time_point deadline)
 {
     if (::connect(fd, address, length) == 0)
         return 0;
     if (errno != EINPROGRESS)
         return errno;
-    const auto deadline = std::chrono::steady_clock::now() + s_connectTimeout;
     for (;;) {
         if (descriptor.isClosing())
             return ECANCELED;
-        if (std::chrono::steady_clock::now() >= deadline)
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0)
             return ETIMEDOUT;
         pollfd p{fd, POLLOUT, 0};
-        const int ready = ::poll(&p, 1, s_connectSliceMs);
+        const int ready = ::poll(&p, 1, int(std::min<long long>(left.count(), s_connectSliceMs)));
         if (ready < 0 && errno != EINTR)
             return errno;
         if (ready > 0)
@@ -76,9 +77,11 @@ TCPSocket::~TCPSocket()
     TCPSocket::close();
 }
 
-int TCPSocket::open(const char *host, int port)
+int TCPSocket::open(const char *host, int port, int timeoutMilliseconds)
 {
     close();
+    // One deadline for all the addresses of the name, so that the caller's limit holds.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(timeoutMilliseconds, 0));
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
@@ -106,7 +109,7 @@ int TCPSocket::open(const char *host, int port)
             result = ECANCELED;
             break;
         }
-        result = connectWithin(m_d->descriptor, inUse, a->ai_addr, a->ai_addrlen);
+        result = connectWithin(m_d->descriptor, inUse, a->ai_addr, a->ai_addrlen, deadline);
         if (result == 0)
             ::fcntl(inUse, F_SETFL, ::fcntl(inUse, F_GETFL) & ~O_NONBLOCK);
         m_d->descriptor.release();

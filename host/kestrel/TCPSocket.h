@@ -24,9 +24,10 @@ public:
     TCPSocket &operator=(const TCPSocket &) = delete;
 
     // Connects to host:port (name or numeric address, IPv4 or IPv6), closing a previous
-    // connection first. Gives up after 10 seconds, or when close() is called meanwhile.
-    // Returns 0 or an errno value (EHOSTUNREACH when the name doesn't resolve).
-    int open(const char *host, int port);
+    // connection first. Gives up after `timeoutMilliseconds` (ETIMEDOUT), or when close() is
+    // called meanwhile (ECANCELED). Returns 0 or an errno value (EHOSTUNREACH when the name
+    // doesn't resolve).
+    int open(const char *host, int port, int timeoutMilliseconds = 10000);
 
     // Without WaitAll: waits for at least one byte and returns what is there, up to `bytes`.
     // With WaitAll: waits until all bytes came or the connection failed. Returns the count read,

@@ -7,13 +7,27 @@
 
 namespace Kestrel {
 
-TimeStamp TimeStamp::currentTime()
+namespace {
+
+TimeStamp readClock(clockid_t clock)
 {
     timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(clock, &now);
     // Nanoseconds to ticks: ns * 2^24 / 10^9, exact in 64 bits since ns < 10^9 < 2^30.
     const int64_t fraction = (int64_t(now.tv_nsec) << 24) / 1000000000;
-    return TimeStamp(int64_t(now.tv_sec) * TicksPerSecond + fraction);
+    return TimeStamp(int64_t(now.tv_sec) * TimeStamp::TicksPerSecond + fraction);
+}
+
+} // namespace
+
+TimeStamp TimeStamp::currentTime()
+{
+    return readClock(CLOCK_REALTIME);
+}
+
+TimeStamp TimeStamp::monotonicTime()
+{
+    return readClock(CLOCK_MONOTONIC);
 }
 
 TimeStamp TimeStamp::fromSeconds(double seconds)

@@ -19,6 +19,9 @@ public:
     constexpr explicit TimeStamp(int64_t raw) : m_value(raw) {}
 
     static TimeStamp currentTime();
+    // A point on the monotonic clock, for measuring spans inside this process: a step of the
+    // wall clock doesn't move it. Its origin is arbitrary, so it means nothing to a peer.
+    static TimeStamp monotonicTime();
     static TimeStamp fromSeconds(double seconds);   // rounded to the nearest tick
 
     constexpr int64_t raw() const { return m_value; }

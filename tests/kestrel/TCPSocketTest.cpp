@@ -113,3 +113,18 @@ TEST(TCPServerSocket, CloseFromAnotherThreadEndsTheWait)
     EXPECT_EQ(server.accept(), nullptr);
     EXPECT_EQ(server.port(), 0);
 }
+
+// A listener whose backlog is full leaves further connects unanswered: the caller's limit ends them.
+TEST(TCPSocket, OpenGivesUpAfterItsTimeout)
+{
+    TCPServerSocket server;
+    ASSERT_EQ(server.open("127.0.0.1", 0, 0), 0);
+    int result = 0;
+    for (int i = 0; i < 4 && result != ETIMEDOUT; ++i) {
+        TCPSocket socket;
+        const auto start = std::chrono::steady_clock::now();
+        result = socket.open("127.0.0.1", server.port(), 200);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+    }
+    EXPECT_EQ(result, ETIMEDOUT);
+}

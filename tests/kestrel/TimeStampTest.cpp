@@ -4,10 +4,12 @@
 
 #include <QDateTime>
 
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <sstream>
 #include <string>
+#include <thread>
 
 using Kestrel::TimeStamp;
 
@@ -36,4 +38,15 @@ TEST(TimeStamp, TicksAreTwoToTheMinus24SecondsSinceTheEpochAndTheTextIsTheirCoun
     EXPECT_EQ(a + (b - a), b);
     const double expected = double(QDateTime::currentMSecsSinceEpoch()) / 1000.0;
     EXPECT_LT(std::fabs(TimeStamp::currentTime().seconds() - expected), 5.0);
+}
+
+TEST(TimeStamp, MonotonicTimeOnlyMovesForwardAndCountsSeconds)
+{
+    const TimeStamp first = TimeStamp::monotonicTime();
+    const auto wallFirst = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const TimeStamp second = TimeStamp::monotonicTime();
+    const double steady = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallFirst).count();
+    EXPECT_GE((second - first).seconds(), 0.05);
+    EXPECT_LE((second - first).seconds(), steady + 0.001);
 }

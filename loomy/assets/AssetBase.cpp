@@ -1,0 +1,400 @@
+#include "loomy/assets/AssetBase.h"
+
+#include "kestrel/DirectoryListing.h"
+#include "kestrel/Mutex.h"
+#include "kestrel/Trace.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
+#include <atomic>
+#include <map>
+#include <vector>
+
+namespace Loomy {
+
+namespace {
+
+struct Found
+{
+    QString name;
+    QDateTime modified;
+    long long size;
+};
+using ToHash = std::vector<Found>;
+
+const int s_hashBlock = 4096;
+
+// Partial downloads, and names with a character that the file commands' name pattern can't
+// carry, are left out of every list: the names that QDir's (case-insensitive) wildcard filters
+// "*.filesync.part" and "*[\\:*?\"<>]*" select. Matched here rather than by a second listing of
+// each folder, which would double the cost of a scan.
+bool isInvisible(const QString &fileName)
+{
+    static const QString s_unsafe = QStringLiteral("\\:*?\"<>");
+    if (fileName.endsWith(QLatin1String(".filesync.part"), Qt::CaseInsensitive))
+        return true;
+    for (const QChar c : fileName) {
+        if (s_unsafe.contains(c))
+            return true;
+    }
+    return false;
+}
+
+void report(ProgressSender *sender, const QString &text)
+{
+    if (sender)
+        sender->transferInfo(text);
+}
+
+} // namespace
+
+ProgressSender::~ProgressSender() = default;
+void ProgressSender::transferProgress(long long, long long) {}
+void ProgressSender::transferInfo(const QString &) {}
+
+FileListThread::FileListThread(AssetBase *assets)
+    : Kestrel::Thread(QStringLiteral("LoomyFileList")), m_assets(assets)
+{
+}
+
+FileListThread::~FileListThread()
+{
+    waitEnd(0);
+}
+
+void FileListThread::childLoop()
+{
+    m_assets->buildFileList(nullptr);
+}
+
+AssetBase::FileInfo::FileInfo() = default;
+
+AssetBase::FileInfo::FileInfo(const QDateTime &ts_, const QByteArray &md5_, long long size_,
+                              Kestrel::TimeStamp stamp_)
+    : ts(ts_), md5(md5_), size(size_), stamp(stamp_)
+{
+}
+
+// The two maps are changed under their own locks (listMutex, downloadMutex), which are held for
+// a whole scan. Readers that must not wait for a scan take only readMutex, a leaf that every
+// change of either map takes as well, for the change alone.
+class AssetBase::D
+{
+public:
+    long long walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash);
+    QString cacheArray() const { return QStringLiteral("FileList/") + root; }
+    QString fullPath(const QString &name) const { return root + name; }
+    const FileInfo *findDownload(const QString &name) const;   // readMutex held
+
+    QString root;                              // canonical, no trailing "/"; set once
+    std::unique_ptr<FileListThread> fileListThread;
+    std::atomic<bool> scanning{true};          // stop() clears it, for good
+
+    Kestrel::Mutex listMutex;                  // held for a whole scan and while fileList changes
+    QMap<QString, FileInfo> fileList;          // changed under listMutex and readMutex
+
+    Kestrel::Mutex removeMutex;                // guards removeQueue; held during the walk
+    std::map<QString, std::vector<std::weak_ptr<ConnectionThread>>> removeQueue;
+
+    Kestrel::Mutex downloadMutex;              // guards changes of downloadList
+    QMap<QString, FileInfo> downloadList;      // changed under downloadMutex and readMutex;
+                                               // its hashes are fed under readMutex too
+
+    mutable Kestrel::Mutex readMutex;          // leaf: no other lock is taken while it is held
+};
+
+// The walk of one folder, `directory` beginning and ending in "/". listMutex and removeMutex held.
+// The listing is that of QDir with QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot |
+// QDir::NoDotDot (hidden names out, links followed); see isInvisible for what it leaves out.
+long long AssetBase::D::walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash)
+{
+    long long bytes = 0;
+    for (const Kestrel::DirectoryEntry &entry : Kestrel::listDirectory(root + directory)) {
+        if (!scanning)
+            break;
+        if (isInvisible(entry.name))
+            continue;
+        const QString name = directory + entry.name;
+        if (entry.isDir) {
+            bytes += walk(name + QLatin1Char('/'), result, toHash);
+            continue;
+        }
+        if (removeQueue.count(name))
+            continue;
+        // The time alone decides: a file rewritten within the same timestamp isn't hashed again.
+        const QDateTime modified = QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC);
+        const auto known = fileList.constFind(name);
+        if (known != fileList.cend() && modified == known->ts) {
+            result.insert(name, *known);
+            continue;
+        }
+        toHash.push_back({name, modified, entry.size});
+        bytes += entry.size;
+    }
+    return bytes;
+}
+
+const AssetBase::FileInfo *AssetBase::D::findDownload(const QString &name) const
+{
+    const auto it = downloadList.constFind(name);
+    return it == downloadList.cend() ? nullptr : &*it;
+}
+
+AssetBase::AssetBase(const QString &root)
+    : m_d(std::make_unique<D>())
+{
+    m_d->root = QFileInfo(root).canonicalFilePath();
+    while (m_d->root.endsWith(QLatin1Char('/')))
+        m_d->root.chop(1);
+    m_d->fileListThread = std::make_unique<FileListThread>(this);
+
+    QSettings cache(QStringLiteral("Brindlewax"), QStringLiteral("Cache"));
+    const int count = cache.beginReadArray(m_d->cacheArray());
+    const Kestrel::TimeStamp now = Kestrel::TimeStamp::currentTime();
+    for (int i = 0; i < count; ++i) {
+        cache.setArrayIndex(i);
+        const long long size = cache.value(QStringLiteral("size")).toLongLong();
+        const QByteArray md5 = cache.value(QStringLiteral("MD5")).toByteArray();
+        const QDateTime ts = cache.value(QStringLiteral("ts")).toDateTime();
+        m_d->fileList.insert(cache.value(QStringLiteral("file")).toString(), FileInfo(ts, md5, size, now));
+    }
+    cache.endArray();
+
+    m_d->fileListThread->run();
+}
+
+AssetBase::~AssetBase()
+{
+    m_d->scanning = false;
+    m_d->fileListThread->waitEnd(0);
+    m_d->fileListThread.reset();
+}
+
+void AssetBase::stop()
+{
+    m_d->scanning = false;
+}
+
+void AssetBase::transferFinished()
+{
+}
+
+QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *sender)
+{
+    Kestrel::MutexLocker listLock(m_d->listMutex);
+    report(sender, QStringLiteral("Scanning directory tree..."));
+    QMap<QString, FileInfo> result;
+    ToHash toHash;
+    {
+        Kestrel::MutexLocker removeLock(m_d->removeMutex);
+        m_d->walk(QStringLiteral("/"), result, toHash);
+    }
+    char block[s_hashBlock];
+    for (const Found &item : toHash) {
+        if (!m_d->scanning)
+            break;
+        const QString &name = item.name;
+        QFile file(m_d->fullPath(name));
+        if (!file.open(QIODevice::ReadOnly)) {
+            report(sender, QStringLiteral("Failed to open: %1").arg(name));
+            Kestrel::Trace::error("Failed to open %s", qUtf8Printable(name));
+            continue;
+        }
+        QCryptographicHash hash(QCryptographicHash::Md5);
+        while (!file.atEnd()) {
+            const qint64 got = file.read(block, s_hashBlock);
+            if (got <= 0)
+                break;
+            hash.addData(block, int(got));
+        }
+        file.close();
+        report(sender, QStringLiteral("Generated checksums: %1").arg(name));
+        result.insert(name, FileInfo(item.modified, hash.result(), item.size, Kestrel::TimeStamp::currentTime()));
+    }
+    // A stopped scan is incomplete: it must replace neither the list nor the cache.
+    if (m_d->scanning && result != m_d->fileList) {
+        {
+            Kestrel::MutexLocker readLock(m_d->readMutex);
+            m_d->fileList = result;
+        }
+        QSettings cache(QStringLiteral("Brindlewax"), QStringLiteral("Cache"));
+        cache.remove(m_d->cacheArray());
+        cache.beginWriteArray(m_d->cacheArray());
+        int index = 0;
+        for (auto it = result.cbegin(); it != result.cend(); ++it) {
+            cache.setArrayIndex(index++);
+            cache.setValue(QStringLiteral("file"), it.key());
+            cache.setValue(QStringLiteral("ts"), it->ts);
+            cache.setValue(QStringLiteral("MD5"), it->md5);
+            cache.setValue(QStringLiteral("size"), it->size);
+        }
+        cache.endArray();
+    }
+    report(sender, QStringLiteral("Checksum list generated"));
+    return result;
+}
+
+QString AssetBase::root() const
+{
+    return m_d->root;
+}
+
+void AssetBase::addFileToRemoveQueue(const QString &name, std::shared_ptr<ConnectionThread> connection)
+{
+    Kestrel::MutexLocker lock(m_d->removeMutex);
+    m_d->removeQueue[name].push_back(connection);
+}
+
+void AssetBase::removeFileAndEmptyFolders(const QString &name)
+{
+    const QString full = m_d->fullPath(name);
+    QDir dir(QFileInfo(QFileInfo(full).absolutePath()).canonicalFilePath());
+    QFile::remove(full);
+    // Climbs no higher than the root, and never out of it.
+    const QString inside = m_d->root + QLatin1Char('/');
+    for (QString path = dir.canonicalPath(); path != m_d->root && path.startsWith(inside); path = dir.canonicalPath()) {
+        if (!dir.rmdir(path) || !dir.cdUp())
+            break;
+    }
+}
+
+QString AssetBase::md5(QString name) const
+{
+    Kestrel::MutexLocker lock(m_d->readMutex);
+    const auto it = m_d->fileList.constFind(name);
+    return it == m_d->fileList.cend() ? QString() : QString::fromLatin1(it->md5.toHex());
+}
+
+bool AssetBase::addFileToDownloadList(QString name, long long size, long long parts, QString md5Hex,
+                                      Kestrel::TimeStamp stamp)
+{
+    Kestrel::MutexLocker lock(m_d->downloadMutex);
+    if (m_d->downloadList.contains(name))
+        return false;
+    FileInfo record(QDateTime::currentDateTime(), QByteArray::fromHex(md5Hex.toLatin1()), size, stamp);
+    record.totalParts = parts;
+    record.hash = std::make_shared<QCryptographicHash>(QCryptographicHash::Md5);
+    Kestrel::MutexLocker readLock(m_d->readMutex);
+    m_d->downloadList.insert(name, record);
+    return true;
+}
+
+bool AssetBase::isDownloading(QString name) const
+{
+    Kestrel::MutexLocker lock(m_d->readMutex);
+    return m_d->downloadList.contains(name);
+}
+
+long long AssetBase::totalParts(QString name) const
+{
+    Kestrel::MutexLocker lock(m_d->readMutex);
+    const FileInfo *record = m_d->findDownload(name);
+    return record ? record->totalParts : -1;
+}
+
+long long AssetBase::currentParts(QString name) const
+{
+    Kestrel::MutexLocker lock(m_d->readMutex);
+    const FileInfo *record = m_d->findDownload(name);
+    return record ? record->currentParts : -1;
+}
+
+bool AssetBase::increasePartCount(QString name)
+{
+    Kestrel::MutexLocker lock(m_d->downloadMutex);
+    Kestrel::MutexLocker readLock(m_d->readMutex);
+    const auto it = m_d->downloadList.find(name);
+    if (it == m_d->downloadList.end())
+        return false;
+    ++it->currentParts;
+    return true;
+}
+
+void AssetBase::downloadListAddHashData(QString name, QByteArray &data)
+{
+    Kestrel::MutexLocker lock(m_d->downloadMutex);
+    Kestrel::MutexLocker readLock(m_d->readMutex);
+    const FileInfo *record = m_d->findDownload(name);
+    if (record && record->hash)
+        record->hash->addData(data);
+}
+
+QString AssetBase::downloadListMD5(QString name) const
+{
+    Kestrel::MutexLocker lock(m_d->readMutex);
+    const FileInfo *record = m_d->findDownload(name);
+    return record ? QString::fromLatin1(record->md5.toHex()) : QString();
+}
+
+QString AssetBase::downloadListPartMD5(QString name) const
+{
+    // result() works on a copy of the state, so the hash can go on; it does write the hash's
+    // cached result, hence the lock.
+    Kestrel::MutexLocker lock(m_d->readMutex);
+    const FileInfo *record = m_d->findDownload(name);
+    return record && record->hash ? QString::fromLatin1(record->hash->result().toHex()) : QString();
+}
+
+QDateTime AssetBase::downloadListStartTime(QString name)
+{
+    Kestrel::MutexLocker lock(m_d->downloadMutex);
+    const FileInfo *record = m_d->findDownload(name);
+    return record ? record->ts : QDateTime();
+}
+
+bool AssetBase::removeFileFromDownloadList(QString name, bool success)
+{
+    FileInfo record;
+    {
+        Kestrel::MutexLocker lock(m_d->downloadMutex);
+        const FileInfo *found = m_d->findDownload(name);
+        if (!found)
+            return false;
+        record = *found;
+    }
+    if (success) {
+        // The announced checksum stands for the file at once, so that it can be offered before
+        // the next scan; that scan then finds the time unchanged and doesn't hash it again.
+        const QFileInfo file(m_d->fullPath(name));
+        const QDateTime ts = (file.exists() ? file.lastModified() : QDateTime::currentDateTime()).toUTC();
+        Kestrel::MutexLocker listLock(m_d->listMutex);
+        Kestrel::MutexLocker readLock(m_d->readMutex);
+        m_d->fileList.insert(name, FileInfo(ts, record.md5, record.size, Kestrel::TimeStamp::currentTime()));
+    }
+    Kestrel::MutexLocker lock(m_d->downloadMutex);
+    bool removed;
+    {
+        Kestrel::MutexLocker readLock(m_d->readMutex);
+        removed = m_d->downloadList.remove(name) > 0;
+    }
+    if (removed && m_d->downloadList.isEmpty()) {
+        buildFileList(nullptr);
+        transferFinished();
+    }
+    return removed;
+}
+
+bool AssetBase::clearDownloadList(Kestrel::TimeStamp stamp)
+{
+    Kestrel::MutexLocker lock(m_d->downloadMutex);
+    QStringList names;
+    for (auto it = m_d->downloadList.cbegin(); it != m_d->downloadList.cend(); ++it) {
+        if (it->stamp != stamp)
+            continue;
+        names << it.key();
+        // Only a download that received a part has a part file of its own; an older one of the
+        // same name may belong to someone else.
+        if (it->currentParts >= 1)
+            QFile::remove(m_d->fullPath(it.key()) + QStringLiteral(".filesync.part"));
+    }
+    Kestrel::MutexLocker readLock(m_d->readMutex);
+    for (const QString &name : names)
+        m_d->downloadList.remove(name);
+    return !names.isEmpty();
+}
+
+} // namespace Loomy

@@ -1,0 +1,179 @@
+#pragma once
+#include "loomy/loomy_export.h"
+
+#include "kestrel/Condition.h"
+#include "kestrel/Mutex.h"
+#include "kestrel/Thread.h"
+#include "kestrel/TimeStamp.h"
+#include "tamarack/Node.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMap>
+#include <QString>
+
+#include <atomic>
+#include <memory>
+
+namespace Kestrel { class BinaryData; class TCPSocket; }
+
+// One end of a TCP connection between two peers: a stream of text lines, with raw blocks behind
+// the lines that announce them.
+//
+//   - Lines are UTF-8 and end at the first CR or LF; empty lines are skipped, so CR LF is one
+//     terminator. Senders end lines with LF alone. There is no length limit.
+//   - A raw block has no terminator; its length stands in the line before it, and the parser
+//     that recognises the line reads it through readData() before the next line is read.
+//   - "ping" and "ping <payload>" are answered at once with the same line made "pong"; a pong
+//     line switches on the writer's keep-alive (see WriterThread). Both only while usePing().
+//
+// Before the lines, a handshake: the accepting side (server role) sends its banner
+// "Lanternwick <major>.<minor>.<patch>[-suffix]" and 64 random bytes; the connecting side
+// (client role) sends its banner (to a server of at least 1.9.1), the login name and the MD5 of
+// first 32 bytes + login secret + last 32 bytes; the server answers "ok" or one failure line.
+//
+// Threads: the connection's own thread ("LoomyConn") connects, shakes hands, reads and calls
+// parse(); everything written after the handshake goes through the WriterThread ("LoomyWriter"),
+// so that a reader never blocks a sender. The writing operations, queue(), ping(), stop() and
+// connectToHost() may be called from any thread; line(), readData(), skip() and readMap() only
+// from the connection's thread, inside parse().
+//
+// Lifetime: kept in a std::shared_ptr. The destructor stops and joins both threads before the
+// socket goes, so it must not run on the connection's own thread.
+namespace Loomy {
+
+class WriterThread;
+
+class LOOMY_EXPORT ConnectionThread : public Kestrel::Thread,
+                                      public Tamarack::Node,
+                                      public std::enable_shared_from_this<ConnectionThread>
+{
+public:
+    // `socket`: owned from now on; null on the client side until the first connect succeeds.
+    // `accepted`: the socket came from a server's accept (server role, no connecting, no retry).
+    ConnectionThread(Kestrel::TCPSocket *socket, bool accepted);
+    ~ConnectionThread() override;
+    ConnectionThread(const ConnectionThread &) = delete;
+    ConnectionThread &operator=(const ConnectionThread &) = delete;
+
+    // Connects, retries every 3.0 seconds from start to start, serves; on an accepted socket,
+    // serves once.
+    void childLoop() override;
+    // Asks the connection to end: wakes a retry wait, cuts a connect short, closes the socket.
+    // Doesn't join; waitEnd() does.
+    virtual void stop();
+    // "write-error" (from the writer) ends the connection; "data-written" is accepted.
+    void eventProcess(const QByteArray &id, Kestrel::BinaryData &data) override;
+
+    // Stores the address and starts the thread, or moves a running one to the new address.
+    void connectToHost(const QString &host, int port);
+    bool isConnected() const;
+    unsigned long long rxBytes() const;
+    unsigned long long txBytes() const;
+    long long bufferedDataSize() const;
+    WriterThread *writerThread() { return m_writer; }
+    bool usePing() const { return m_usePing; }
+    void setUsePing(bool usePing) { m_usePing = usePing; }
+    // False: a lost or failed connection isn't tried again. Default true.
+    void setReconnect(bool reconnect) { m_reconnect = reconnect; }
+    QString host() const;
+    int port() const;
+
+    // Results of the handshake; stable while connected.
+    QString remoteUser() const { return m_remoteUser; }
+    QString remoteVersionText() const { return m_remoteVersionText; }
+    QString remoteSuffix() const { return m_remoteSuffix; }
+    void setRemoteVersion(int major, int minor, int patch, QString suffix);
+    // True if the remote version is at least the given one (numbers, not text).
+    bool remoteVersion(int major, int minor, int patch) const;
+    // Whether the peer takes bundles: at least 2.2.0, or at least 2.0.4 with "bramble" in the suffix.
+    bool isLoomy15Supported() const;
+
+    // Reading, on the connection's thread only. Every failure logs, stops the writer and ends the
+    // connection. An empty result is a failure.
+    QString line();
+    QByteArray readData(int count);                   // exactly count bytes; empty if count < 1
+    bool readData(unsigned char *target, int count);  // true at once if count < 1
+    void skip(int count);
+    // `count` key and value pairs behind a map command line (see buildMapBuffer).
+    QMap<QString, QString> readMap(int count);
+    // Ends the connection as a failed read does, for a parser that can't follow the stream.
+    void abortRead();
+
+    // Straight to the socket: for the handshake, and for what runs under m_sendMutex.
+    bool writeData(const void *data, int size);
+    bool puts(QString text);                          // adds the LF
+    // Through the writer, from any thread. Callers supply the line terminators; empty data or an
+    // empty list is dropped. The key tags the unit (see WriterThread) and isn't sent.
+    void writeBufferData(QByteArray data, QByteArray key);
+    void writeBuffer(QString text, QByteArray key);
+    // The blocks go out back to back, with nothing between them.
+    void writeBuffer(const QList<QByteArray> &blocks, QByteArray key);
+    // Sent at once when connected; otherwise kept and sent behind the first ping of the next
+    // connection, in order.
+    void queue(QString line);
+    void ping(const QByteArray &payload);
+    // "<command> <pairs>\n", then to a peer of at least 1.9.1 one BinaryData (an int32 item with
+    // the block's total size, then key and value strings in key order), to an older peer
+    // "key\nvalue\n" per pair with LFs removed.
+    QByteArray buildMapBuffer(const QString &command, const QMap<QString, QString> &map) const;
+    // Hands buildMapBuffer's result to the writer with an empty key.
+    void writeMapBuffer(const QString &command, const QMap<QString, QString> &map);
+
+protected:
+    // Handshake, then the line loop, then teardown; on the connection's thread.
+    virtual void handleConnection();
+    // Runs with m_sendMutex held; true if the connection may go on.
+    virtual bool handshake();
+    // One line without its terminator; false if it wasn't understood (logged, not fatal).
+    virtual bool parse(QString line) = 0;
+    virtual void connected() {}
+    virtual void disconnected() {}
+    virtual bool openConnection();
+    // Client side only: a connect failed.
+    virtual void connectionFailed() {}
+    // During the wait between two attempts, after each step of it.
+    virtual void retryProgress(double secondsLeft) { (void)secondsLeft; }
+    virtual void pong(const QByteArray &payload) { (void)payload; }
+
+    Kestrel::TCPSocket *socket() const { return m_socket.load(std::memory_order_relaxed); }
+
+    // Lock order: m_sendMutex is never taken while the writer's own mutex is held (and the
+    // reverse); m_retryMutex, m_pendingMutex and m_addressMutex are leaves.
+    Kestrel::Mutex m_sendMutex{true};                 // held while bytes go to the socket
+    Kestrel::Mutex m_retryMutex;                      // guards the wait between two attempts
+    Kestrel::Condition m_retryCondition;              // woken by stop()
+    std::atomic<Kestrel::TCPSocket *> m_socket;       // owned; set once by the connection's thread
+    QString m_remoteUser;                             // written by the handshake only
+    std::atomic<bool> m_running{true};
+    std::atomic<bool> m_connected{false};
+    int m_remoteMajor = 0;                            // version fields: written by the handshake only
+    int m_remoteMinor = 0;
+    int m_remotePatch = 0;
+    QString m_remoteSuffix;
+    QString m_remoteVersionText;
+    const bool m_acceptedSocket;
+    std::atomic<bool> m_reconnect{true};
+    std::atomic<bool> m_stopped{false};
+    WriterThread *m_writer;                           // owned, never null
+    Kestrel::Mutex m_pendingMutex;                    // guards m_pending
+    QList<QByteArray> m_pending;
+    // Monotonic time of the last bytes read: written by the connection's thread, read by the writer.
+    std::atomic<Kestrel::TimeStamp> m_lastReceived{Kestrel::TimeStamp()};
+    std::atomic<bool> m_pingActive{false};            // a pong was seen; never cleared
+    std::atomic<bool> m_usePing{true};
+    double m_pingTimeout = 10.0;                      // seconds of silence before the writer gives up
+
+private:
+    friend class WriterThread;
+
+    bool readExactly(char *target, int count);
+
+    mutable Kestrel::Mutex m_addressMutex;            // guards m_host, m_port
+    QString m_host;
+    int m_port = 5000;
+    Kestrel::Mutex m_connectingMutex;                 // guards m_connecting
+    Kestrel::TCPSocket *m_connecting = nullptr;       // a first socket while it connects
+};
+
+} // namespace Loomy

@@ -1,0 +1,53 @@
+#include "kestrel/DirectoryListing.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <map>
+
+// The listing must agree with the QDir listing that it replaces, entry for entry.
+TEST(DirectoryListing, AgreesWithQDirOnFilesFoldersHiddenNamesLinksAndSpecialFiles)
+{
+    QTemporaryDir dir;
+    const QString root = dir.path();
+    QDir().mkpath(root + "/sub/inner");
+    QDir().mkpath(root + "/.hiddendir");
+    for (const char *name : {"/a", "/.hidden", "/sub/b"}) {
+        QFile file(root + name);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray(name).repeated(100));
+        file.close();
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        file.setFileTime(QDateTime::fromMSecsSinceEpoch(1500000000123), QFileDevice::FileModificationTime);
+    }
+    ASSERT_TRUE(QFile::link(root + "/a", root + "/link"));
+    ASSERT_TRUE(QFile::link(root + "/sub", root + "/dirlink"));
+    ASSERT_TRUE(QFile::link(root + "/nowhere", root + "/broken"));
+    ASSERT_EQ(mkfifo(qPrintable(root + "/fifo"), 0644), 0);
+
+    std::map<QString, Kestrel::DirectoryEntry> listed;
+    for (const auto &entry : Kestrel::listDirectory(root))
+        listed[entry.name] = entry;
+    const QFileInfoList expected = QDir(root).entryInfoList(
+        QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot, QDir::Name);
+    ASSERT_EQ(listed.size(), size_t(expected.size()));
+    for (const QFileInfo &info : expected) {
+        SCOPED_TRACE(info.fileName().toStdString());
+        ASSERT_EQ(listed.count(info.fileName()), 1u);
+        const auto &entry = listed[info.fileName()];
+        EXPECT_EQ(entry.isDir, info.isDir());
+        EXPECT_EQ(entry.modifiedMs, info.lastModified().toMSecsSinceEpoch());
+        if (!entry.isDir) {
+            EXPECT_EQ(entry.size, info.size());
+        }
+    }
+    EXPECT_EQ(listed.at("link").modifiedMs, 1500000000123);
+    EXPECT_TRUE(Kestrel::listDirectory(root + "/missing").empty());
+}

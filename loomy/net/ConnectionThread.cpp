@@ -55,6 +55,7 @@ ConnectionThread::~ConnectionThread()
     // gets it out of a blocked one.
     ConnectionThread::stop();
     waitEnd(0);
+    m_writer->waitEnd(0);
     delete m_writer;
     delete m_socket.load();
 }
@@ -479,7 +480,9 @@ void ConnectionThread::handleConnection()
     disconnected();
     eventSend("disconnected");
     s->close();
+    // Joined here, so that once this thread has ended no event of the writer reaches this object.
     m_writer->stop();
+    m_writer->waitEnd(0);
 }
 
 bool ConnectionThread::handshake()

@@ -308,6 +308,27 @@ TEST(ConnectionTiming, RetryAfterPeriodKeepAliveAndTimeout)
     EXPECT_EQ(threadsNamed("LoomyWriter"), 0);
 }
 
+TEST(ConnectionTiming, ConnectToHostMovesTheRunningThread)
+{
+    Kestrel::TCPServerSocket first, second;
+    ASSERT_EQ(first.open("127.0.0.1", 0, 4), 0);
+    ASSERT_EQ(second.open("127.0.0.1", 0, 4), 0);
+    auto connection = std::make_shared<RecordingConnection>(nullptr, false);
+    connection->connectToHost("127.0.0.1", first.port());
+    ASSERT_TRUE(first.isPendingConnection(10 * 1000 * 1000));
+    RawPeer one(first.accept());
+    serverExpects(one, "Lanternwick 2.14.4", true, "ok");
+    EXPECT_EQ(one.line(), "ping initialized");
+    connection->connectToHost("127.0.0.1", second.port());
+    EXPECT_TRUE(one.atEnd());
+    ASSERT_TRUE(second.isPendingConnection(10 * 1000 * 1000));   // within the retry period
+    RawPeer two(second.accept());
+    serverExpects(two, "Lanternwick 2.14.4", true, "ok");
+    EXPECT_EQ(two.line(), "ping initialized");
+    EXPECT_EQ(threadsNamed("LoomyConn"), 1);
+    EXPECT_EQ(connection->hooks(), (QStringList{"connected", "disconnected", "connected"}));
+}
+
 TEST(ConnectionStop, CutsShortTheFirstConnect)
 {
     Kestrel::TCPServerSocket server;   // a full backlog: connects hang unanswered

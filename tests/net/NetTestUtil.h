@@ -48,6 +48,7 @@ public:
     {
         stop();
         waitEnd(0);
+        writerThread()->waitEnd(0);   // tests also start the writer by themselves
     }
 
     QStringList lines() const { Lock l(m_mutex); return m_lines; }

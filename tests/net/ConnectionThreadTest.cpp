@@ -22,6 +22,7 @@ struct LoginCase
     const char *version;                    // remote version text after success; null: the login fails
     const char *log;                        // an error line the connection must log, or null
 };
+void PrintTo(const LoginCase &c, std::ostream *out) { *out << c.name; }
 
 QByteArray wrongReply() { return "Wrong username or password"; }
 
@@ -148,6 +149,7 @@ struct LineCase
     QList<QMap<QString, QString>> maps;
     const char *log;
 };
+void PrintTo(const LineCase &c, std::ostream *out) { *out << c.name; }
 
 QByteArray mapBlock(const QByteArray &items)   // a map body: the size item, then the items
 {
@@ -227,6 +229,34 @@ TEST(MapBuffer, BlockForNewPeerLinesForOld)
                                               "STR \1\0\0\0b\0\0\0STR \2\0\0\0" "22\0\0", 48)));
     connection.setRemoteVersion(1, 9, 0, "");
     EXPECT_EQ(connection.buildMapBuffer("cmd", {{"b\nx", "2\n"}, {"a", ""}}), QByteArray("cmd 2\na\n\nbx\n2\n"));
+}
+
+// Read by the test thread, as a parser would: each short read logs its own text, exactly.
+TEST(ShortReads, LogTheirTextsAndEndTheConnection)
+{
+    struct Row { std::function<bool(RecordingConnection &)> read; QByteArray wire; const char *log; Level level; };
+    const Row rows[] = {
+        {[](RecordingConnection &c) { return c.readData(5).isEmpty(); }, "abc",
+         "ConnectionThread::readData # Read error (:5000 expected 5 bytes, got 3 bytes", Level::Error},
+        {[](RecordingConnection &c) { unsigned char b[4]; return !c.readData(b, 4); }, "ab",
+         "ConnectionThread::readData # Read error", Level::Error},
+        {[](RecordingConnection &c) { c.skip(1000); return true; }, QByteArray(600, 's'),
+         "ConnectionThread::skip # Read error", Level::Error},
+        {[](RecordingConnection &c) { return c.line().isEmpty(); }, "no end",
+         "ConnectionThread::line # no reply from :5000 (could not read from socket)", Level::Debug},
+        {[](RecordingConnection &c) { return c.readMap(1).isEmpty(); }, "INT4",
+         "ConnectionThread::readMap # error while reading data", Level::Error},
+    };
+    for (const Row &row : rows) {
+        TraceCapture trace;
+        SocketPair sockets;
+        RecordingConnection connection(sockets.accepted, true);
+        connection.setRemoteVersion(2, 14, 4, "");
+        RawPeer(sockets.connecting).send(row.wire);
+        EXPECT_TRUE(row.read(connection)) << row.log;
+        EXPECT_EQ(trace.lines(row.level), QStringList{row.log});
+        EXPECT_FALSE(connection.running()) << row.log;
+    }
 }
 
 TEST(Queue, BeforeTheConnectionBehindTheFirstPingAfterItAtOnce)

@@ -3,6 +3,8 @@
 #include "loomy/sync/NewAttributeReceiver.h"
 #include "tamarack/AttributeAlias.h"
 
+#include <malloc.h>
+
 #include <stdexcept>
 
 using Loomy::LoomySessionAttribute;
@@ -99,6 +101,58 @@ TEST_F(NewAttributeReceiverTest, UnknownSymbolAndTruncatedValue)
     EXPECT_EQ(storage.findByReadSymbol(99), nullptr);
     EXPECT_THROW(apply(floatRecord(Body(), 70, 1, 3.f) << 72u << 35u << 0u << 1u << 100u), std::out_of_range);
     EXPECT_EQ(x->value(), 3.f);
+}
+
+// A path from the peer with an empty component, or one that reaches this node or a node above it
+// (here through aliases), is refused with one line: no record, value skipped, the bundle goes on.
+const QByteArray s_refusedPaths[] = {"", "/x", "x/", "a//b", "self", "up", "up/remote", "up/remote/x", "self/x"};
+TEST_F(NewAttributeReceiverTest, PathsWithAnEmptyComponentOrOnTheNodeOrAboveAreRefused)
+{
+    new Tamarack::AttributeAlias(&node, "self", &node);
+    new Tamarack::AttributeAlias(&node, "up", &app);
+    receiver.setCreateMissingAttributes(true);
+    const auto before = node.attributes(), appBefore = app.attributes();
+    for (const QByteArray &path : s_refusedPaths) {
+        SCOPED_TRACE(path.constData());
+        trace.clear();
+        recvSymbols.define(path, path, 73);
+        apply(floatRecord(floatRecord(Body(), 73, 1, 5.f), 71, 1, 6.f));
+        EXPECT_EQ(y->value(), 6.f);
+        EXPECT_EQ(trace.lines(), QStringList{"NewAttributeReceiver::handleBundle # Refused path '" + path +
+                                             "' at message index 0: an empty component, or the synchronised node or a node above it"});
+        EXPECT_EQ(storage.findByReadSymbol(73), nullptr);
+        EXPECT_EQ(node.attributes(), before);
+        EXPECT_EQ(app.attributes(), appBefore);
+        y->setValue(1.f);
+    }
+}
+
+// A value cut short: for an attribute here, the echo guard is closed again and the record reads
+// the peer's next value; for a missing one, the attribute made for it is freed (repeated, the
+// process doesn't grow), nothing enters the tree, and the record steps over the peer's next values.
+TEST_F(NewAttributeReceiverTest, ValueCutShortLeavesNoIgnoreEntryNoAttributeAndAWorkingRecord)
+{
+    receiver.setCreateMissingAttributes(true);
+    peerSymbol(73, "made");
+    started();
+    const Body cutX = floatRecord(Body(), 70, 1, 2.f), cutMade = Body() << 73u << 35u << 0u << 1u << 8u << 0u;
+    EXPECT_THROW(apply(Body().raw(cutX.bytes().left(cutX.bytes().size() - 2))), std::out_of_range);
+    x->setValue(4.f);
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
+    EXPECT_EQ(skipped(*storage.findByReadSymbol(70), (Body() << 3.f).bytes()), 4u);
+    EXPECT_EQ(x->value(), 3.f);
+    collect();
+    const auto grown = [&] {
+        const std::size_t start = mallinfo2().uordblks;
+        for (int i = 0; i < 2000; ++i)
+            EXPECT_THROW(apply(cutMade), std::out_of_range);
+        return mallinfo2().uordblks - start;
+    };
+    grown(); // the record and the node's bookkeeping are made once
+    EXPECT_LT(grown(), 64u * 1024u); // a leaked attribute each time would be well above
+    EXPECT_EQ(at(node, "made"), nullptr);
+    EXPECT_EQ(skipped(*storage.findByReadSymbol(73), Body().block("abc").bytes() + "tail"), 8u);
+    EXPECT_TRUE(collect().empty());
 }
 
 class NewAttributeStaleValue : public NewAttributeReceiverTest, public ::testing::WithParamInterface<StaleCase> {};

@@ -56,13 +56,12 @@ TEST_F(AttributeUpdateReceiverTest, ValuesAreAppliedInOrderWithoutEcho)
 // next change of the attribute goes out.
 TEST_F(AttributeUpdateReceiverTest, ValueCutShortLeavesNoIgnoreEntry)
 {
-    for (const Body &cut : {Body().raw((Body() << 70u << 2.f).bytes().left(6)), Body() << 71u << 8u << 0u}) {
-        EXPECT_THROW(apply(cut), std::out_of_range);
-        x->setValue(x->value() + 1.f);
-        s->setValue(s->value() + "+");
-        EXPECT_EQ(typesOf(collect()), Types{UpdateType});
-        EXPECT_EQ(collect().size(), 0u);
-    }
+    EXPECT_THROW(apply(Body().raw((Body() << 70u << 2.f).bytes().left(6))), std::out_of_range);
+    x->setValue(5.f);
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
+    EXPECT_THROW(apply(Body() << 71u << 8u << 0u), std::out_of_range);
+    s->setValue("local");
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
 }
 
 class AttributeUpdateStaleValue : public AttributeUpdateReceiverTest, public ::testing::WithParamInterface<StaleCase> {};

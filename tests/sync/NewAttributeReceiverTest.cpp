@@ -104,15 +104,12 @@ TEST_F(NewAttributeReceiverTest, UnknownSymbolAndTruncatedValue)
 }
 
 // A path from the peer with an empty component, or one that reaches this node or a node above it
-// (here through aliases), is refused with one line: no record, value skipped, the bundle goes on.
-const QByteArray s_refusedPaths[] = {"", "/x", "x/", "a//b", "self", "up", "up/remote", "up/remote/x", "self/x"};
+// (through aliases), is refused with one line: no record, value skipped, the bundle goes on.
 TEST_F(NewAttributeReceiverTest, PathsWithAnEmptyComponentOrOnTheNodeOrAboveAreRefused)
 {
-    new Tamarack::AttributeAlias(&node, "self", &node);
-    new Tamarack::AttributeAlias(&node, "up", &app);
     receiver.setCreateMissingAttributes(true);
     const auto before = node.attributes(), appBefore = app.attributes();
-    for (const QByteArray &path : s_refusedPaths) {
+    const auto expectRefused = [&](const QByteArray &path) {
         SCOPED_TRACE(path.constData());
         trace.clear();
         recvSymbols.define(path, path, 73);
@@ -121,27 +118,30 @@ TEST_F(NewAttributeReceiverTest, PathsWithAnEmptyComponentOrOnTheNodeOrAboveAreR
         EXPECT_EQ(trace.lines(), QStringList{"NewAttributeReceiver::handleBundle # Refused path '" + path +
                                              "' at message index 0: an empty component, or the synchronised node or a node above it"});
         EXPECT_EQ(storage.findByReadSymbol(73), nullptr);
-        EXPECT_EQ(node.attributes(), before);
         EXPECT_EQ(app.attributes(), appBefore);
         y->setValue(1.f);
-    }
+    };
+    for (const QByteArray path : {"/x", "x/", "a//b", ""})
+        expectRefused(path);
+    EXPECT_EQ(node.attributes(), before);
+    if (HasFailure())
+        return; // with an empty name in the tree the aliases below make the watcher loop
+    new Tamarack::AttributeAlias(&node, "self", &node);
+    new Tamarack::AttributeAlias(&node, "up", &app);
+    for (const QByteArray path : {"self", "up", "up/remote", "up/remote/x", "self/x"})
+        expectRefused(path);
+    EXPECT_EQ(node.attributes().size(), before.size() + 2);
 }
 
-// A value cut short: for an attribute here, the echo guard is closed again and the record reads
-// the peer's next value; for a missing one, the attribute made for it is freed (repeated, the
-// process doesn't grow), nothing enters the tree, and the record steps over the peer's next values.
-TEST_F(NewAttributeReceiverTest, ValueCutShortLeavesNoIgnoreEntryNoAttributeAndAWorkingRecord)
+// A value cut short: for a missing attribute, the attribute made for it is freed (repeated, the
+// process doesn't grow), nothing enters the tree, and the record steps over the peer's next values;
+// for an attribute here, the echo guard is closed again and the record reads the next value.
+TEST_F(NewAttributeReceiverTest, ValueCutShortLeavesNoAttributeNoIgnoreEntryAndAWorkingRecord)
 {
     receiver.setCreateMissingAttributes(true);
     peerSymbol(73, "made");
     started();
-    const Body cutX = floatRecord(Body(), 70, 1, 2.f), cutMade = Body() << 73u << 35u << 0u << 1u << 8u << 0u;
-    EXPECT_THROW(apply(Body().raw(cutX.bytes().left(cutX.bytes().size() - 2))), std::out_of_range);
-    x->setValue(4.f);
-    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
-    EXPECT_EQ(skipped(*storage.findByReadSymbol(70), (Body() << 3.f).bytes()), 4u);
-    EXPECT_EQ(x->value(), 3.f);
-    collect();
+    const Body cutMade = Body() << 73u << 35u << 0u << 1u << 8u << 0u;
     const auto grown = [&] {
         const std::size_t start = mallinfo2().uordblks;
         for (int i = 0; i < 2000; ++i)
@@ -153,6 +153,12 @@ TEST_F(NewAttributeReceiverTest, ValueCutShortLeavesNoIgnoreEntryNoAttributeAndA
     EXPECT_EQ(at(node, "made"), nullptr);
     EXPECT_EQ(skipped(*storage.findByReadSymbol(73), Body().block("abc").bytes() + "tail"), 8u);
     EXPECT_TRUE(collect().empty());
+    const Body cutX = floatRecord(Body(), 70, 1, 2.f);
+    EXPECT_THROW(apply(Body().raw(cutX.bytes().left(cutX.bytes().size() - 2))), std::out_of_range);
+    x->setValue(4.f);
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
+    EXPECT_EQ(skipped(*storage.findByReadSymbol(70), (Body() << 3.f).bytes()), 4u);
+    EXPECT_EQ(x->value(), 3.f);
 }
 
 class NewAttributeStaleValue : public NewAttributeReceiverTest, public ::testing::WithParamInterface<StaleCase> {};

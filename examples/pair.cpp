@@ -47,7 +47,7 @@ class PairConnection : public Loomy::ConnectionThread
 {
 public:
     PairConnection(Kestrel::TCPSocket *socket, bool accepted, Loomy::RemoteNode &node)
-        : ConnectionThread(socket, accepted), m_node(node)
+        : ConnectionThread(socket, accepted), m_node(node), m_authoritative(accepted)
     {
     }
     ~PairConnection() override
@@ -73,6 +73,9 @@ protected:
         std::printf("connected, peer version %s\n", qUtf8Printable(remoteVersionText()));
         Loomy::BundleControllerParams params;
         params.createMissingAttributes = true;
+        // The accepting side holds the truth: after a reconnection its values win where both
+        // trees hold an attribute, so the two end equal whatever changed while apart.
+        params.authoritative = m_authoritative;
         params.connection = std::make_shared<Loomy1Connection>(weak_from_this());
         std::lock_guard<std::mutex> lock(m_mutex);
         m_controller = Loomy::BundleController::create(m_node, params);
@@ -91,6 +94,7 @@ protected:
 private:
     using Loomy1Connection = Loomy::Loomy1Connection;
     Loomy::RemoteNode &m_node;
+    const bool m_authoritative;
     std::mutex m_mutex;   // guards m_controller: made and dropped on the connection's thread, read by both
     std::shared_ptr<Loomy::BundleController> m_controller;
 };

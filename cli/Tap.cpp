@@ -84,6 +84,10 @@ public:
     std::map<quint32, QByteArray> modules{{0u, s_handshake}};   // bound by "load-module"
     std::map<quint32, QByteArray> symbols;        // the sender's numbers
     std::map<quint32, std::pair<quint32, quint32>> types;   // symbol: announced type id and size
+    // Per decoder: a QRegExp keeps its captures and can't be shared between threads.
+    QRegExp bannerPattern{"^Lanternwick (1|2)\\.(\\d+)\\.(\\d+)(-(.+))?$"};
+    QRegExp bundles{"^loomy2 (\\d+)$"};
+    QRegExp filePart{"^filepart \"([^\"]*)\" (\\d+) (\\d+)$"};
 };
 
 bool TapDecoder::D::takeLine(QString &line)
@@ -106,7 +110,6 @@ bool TapDecoder::D::takeLine(QString &line)
 
 void TapDecoder::D::step()
 {
-    static const QRegExp bannerPattern("^Lanternwick (1|2)\\.(\\d+)\\.(\\d+)(-(.+))?$");
     for (;;) {
         QString line;
         switch (state) {
@@ -194,8 +197,6 @@ void TapDecoder::D::step()
 
 void TapDecoder::D::handleLine(const QString &line)
 {
-    static const QRegExp bundles("^loomy2 (\\d+)$");
-    static const QRegExp filePart("^filepart \"([^\"]*)\" (\\d+) (\\d+)$");
     const QString command = line.section(' ', 0, 0);
     if (command == "ping" || command == "pong") {
         report(line, {{"kind", command}, {"payload", line.section(' ', 1)}});
@@ -309,6 +310,7 @@ void TapDecoder::D::bundle(const QByteArray &bytes)
                 reader.readBinary(payload);
                 Kestrel::BinaryData data;
                 data.linkTo(payload.data(), payload.size());
+                data.setTotal(unsigned(payload.size()));
                 QString eventText;
                 if (payload.isEmpty() || !data.readString(eventText))
                     eventText = QStringLiteral("<%1 bytes>").arg(payload.size());

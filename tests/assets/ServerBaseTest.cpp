@@ -149,7 +149,7 @@ TEST(ServerBase, BindsATakenPortWithinFiveSecondsOfItsRelease)
     blocker.close();
     const Kestrel::TimeStamp released = Kestrel::TimeStamp::monotonicTime();
     ASSERT_TRUE(eventually([&] { return trace.count(listening) == 1; }));
-    EXPECT_LT((Kestrel::TimeStamp::monotonicTime() - released).seconds(), 5.5);
+    EXPECT_LT((Kestrel::TimeStamp::monotonicTime() - released).seconds(), 6.0) << "5.0 and a margin for a busy machine";
     EXPECT_EQ(server.port(), port);
     const QStringList lines = trace.lines();
     EXPECT_EQ(lines.count(firewall), 2) << "one call per attempt: the failed one and the one that bound";

@@ -10,6 +10,7 @@
 #include <QRegExp>
 
 #include <cstdint>
+#include <new>
 #include <random>
 
 namespace Loomy {
@@ -55,6 +56,7 @@ ConnectionThread::~ConnectionThread()
     // gets it out of a blocked one.
     ConnectionThread::stop();
     waitEnd(0);
+    m_writer->waitEnd(0);
     delete m_writer;
     delete m_socket.load();
 }
@@ -214,12 +216,6 @@ bool ConnectionThread::isLoomy15Supported() const
            || (remoteVersion(2, 0, 4) && m_remoteSuffix.contains(QLatin1String("bramble"), Qt::CaseSensitive));
 }
 
-void ConnectionThread::abortRead()
-{
-    m_writer->stop();
-    m_running = false;
-}
-
 bool ConnectionThread::readExactly(char *target, int count)
 {
     Kestrel::TCPSocket *s = socket();
@@ -251,9 +247,15 @@ QByteArray ConnectionThread::readData(int count)
 {
     if (count <= 0)
         return QByteArray();
-    QByteArray data(count, Qt::Uninitialized);
-    Kestrel::TCPSocket *s = socket();
-    const int got = s ? s->read(data.data(), count, true) : 0;
+    // The count may come from the wire: a size no array can take is a failed read, not a crash.
+    QByteArray data;
+    int got = 0;
+    try {
+        data.resize(count);
+        Kestrel::TCPSocket *s = socket();
+        got = s ? s->read(data.data(), count, true) : 0;
+    } catch (const std::bad_alloc &) {
+    }
     if (got != count) {
         if (!m_stopped)
             Kestrel::Trace::error("ConnectionThread::readData # Read error (%s:%d expected %d bytes, got %d bytes",
@@ -311,9 +313,15 @@ QMap<QString, QString> ConnectionThread::readMap(int count)
     header.setTotal(8);
     const int total = header.readInt32();
     if (total > 8) {
-        buffer.resize(total);
-        // The result is ignored on purpose: after a failure the pairs are read from the zeroed
-        // rest of the buffer, which yields none.
+        try {
+            buffer.append(total - 8, '\0');
+        } catch (const std::bad_alloc &) {
+            Kestrel::Trace::error("ConnectionThread::readMap # error while reading data");
+            abortRead();
+            return map;
+        }
+        // The result is ignored on purpose: after a failure the pairs are read from what came
+        // and the zeroed rest, and the connection ends at the next line.
         readExactly(buffer.data() + 8, total - 8);
     }
     Kestrel::BinaryData block;
@@ -327,6 +335,12 @@ QMap<QString, QString> ConnectionThread::readMap(int count)
         map[key] = value;
     }
     return map;
+}
+
+void ConnectionThread::abortRead()
+{
+    m_writer->stop();
+    m_running = false;
 }
 
 bool ConnectionThread::writeData(const void *data, int size)
@@ -479,7 +493,9 @@ void ConnectionThread::handleConnection()
     disconnected();
     eventSend("disconnected");
     s->close();
+    // Joined here, so that once this thread has ended no event of the writer reaches this object.
     m_writer->stop();
+    m_writer->waitEnd(0);
 }
 
 bool ConnectionThread::handshake()

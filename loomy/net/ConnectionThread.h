@@ -39,7 +39,9 @@ namespace Kestrel { class BinaryData; class TCPSocket; }
 // from the connection's thread, inside parse().
 //
 // Lifetime: kept in a std::shared_ptr. The destructor stops and joins both threads before the
-// socket goes, so it must not run on the connection's own thread.
+// socket goes, so it must not run on the connection's own thread. A subclass calls stop() and
+// waitEnd(0) in its own destructor, since both threads call its overrides; the connection's
+// thread joins the writer before it ends.
 namespace Loomy {
 
 class WriterThread;

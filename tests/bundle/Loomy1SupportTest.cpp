@@ -61,6 +61,7 @@ struct ReadCase
     QStringList types;     // dispatched, in order
     const char *next;      // the line that follows in the stream, or null
 };
+void PrintTo(const ReadCase &c, std::ostream *out) { *out << c.name; }
 
 const ReadCase s_reads[] = {
     {"CountZeroReadsNothing", "loomy2 0", "rest\n", true, nullptr, {}, "rest"},

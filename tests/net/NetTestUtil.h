@@ -5,6 +5,7 @@
 #include "kestrel/BinaryData.h"
 #include "kestrel/TCPServerSocket.h"
 #include "kestrel/TCPSocket.h"
+#include "kestrel/KestrelTestUtil.h"
 
 #include <QByteArray>
 #include <QCryptographicHash>
@@ -13,33 +14,18 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <iosfwd>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
 inline void PrintTo(const QString &text, std::ostream *out) { *out << '"' << text.toStdString() << '"'; }
 
-// How long a test waits for what should happen at once: reached only when it fails.
-const auto s_patience = std::chrono::seconds(10);
-
-inline bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds within = s_patience)
-{
-    for (const auto deadline = std::chrono::steady_clock::now() + within; !condition();) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
-// A connection whose hooks record what they see, and whose parser understands "map <n>" (reads
-// a map) and "mapline <n>" lines and refuses lines beginning with "unknown". Everything else is
-// taken and recorded. Recorded state is guarded, so the test thread may look at any time.
+// A connection whose hooks record what they see, and whose parser reads a map behind "map <n>",
+// refuses lines beginning with "unknown" and takes and records everything else. Recorded state
+// is guarded, so the test thread may look at any time.
 class RecordingConnection : public Loomy::ConnectionThread
 {
 public:
@@ -48,6 +34,7 @@ public:
     {
         stop();
         waitEnd(0);
+        writerThread()->waitEnd(0);   // tests also start the writer by themselves
     }
 
     QStringList lines() const { Lock l(m_mutex); return m_lines; }
@@ -58,7 +45,6 @@ public:
     bool pingActive() const { return m_pingActive; }
     bool running() const { return m_running; }
     void setPingTimeout(double seconds) { m_pingTimeout = seconds; }
-    std::function<bool(const QString &)> parser;   // set before the thread runs; tried first
 
     void eventProcess(const QByteArray &id, Kestrel::BinaryData &data) override
     {
@@ -78,8 +64,6 @@ public:
 protected:
     bool parse(QString line) override
     {
-        if (parser && parser(line))
-            return true;
         if (line.startsWith("unknown"))
             return false;
         if (line.startsWith("map ")) {

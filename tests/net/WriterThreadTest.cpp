@@ -25,6 +25,7 @@ struct PieceCase
     QList<QByteArray> blocks;
     Written events;
 };
+void PrintTo(const PieceCase &c, std::ostream *out) { *out << c.name; }
 
 const PieceCase s_pieces[] = {
     {"OneBlockOf40000", {QByteArray(40000, 'a')}, {{"k", 16384}, {"k", 16384}, {"k", 7232}}},

@@ -38,6 +38,7 @@ void AttributeRemoveReceiver::handleBundle(BundleReader &reader)
             m_sender.ignoreOne(echo);
             delete attribute;
             m_sender.stopIgnoring(echo);
+            ++m_removalsApplied;
         }
 
         // readSymbol, readSize and the index stay: a later AttributeNew of the symbol finds this

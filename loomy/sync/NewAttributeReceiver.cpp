@@ -71,6 +71,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
         if (hasValue && m_dropStaleChanges && reader.ackBundleId() < record->lastSentId) {
             skipValue(reader, size);
             hasValue = false;
+            ++m_staleDropped;
         }
 
         QList<QByteArray> path = name.split('/');
@@ -101,6 +102,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
                 record->lastReceivedId = reader.bundleId();
                 deserializer(reader);
                 m_sender.stopIgnoring(echo);
+                ++m_valuesApplied;
             }
         } else if (m_createMissingAttributes) {
             attribute = createAttribute(typeId);
@@ -111,6 +113,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
                     record->lastReceivedId = reader.bundleId();
                     deserializer(reader);
                     attribute->setAsDefaults();
+                    ++m_valuesApplied;
                 }
             }
             // For an unknown type id a null attribute goes in (and is refused), and the announced

@@ -54,6 +54,9 @@ public:
     // True exactly if an entry was erased.
     bool stopIgnoring(const NodeWatcher::Event &event);
 
+    // Addition, change and removal records written so far. Frame thread.
+    unsigned long long changesSent() const;
+
 private:
     class D;
     std::unique_ptr<D> m_d;

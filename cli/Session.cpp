@@ -148,6 +148,8 @@ private:
     Shared &m_shared;
 };
 
+std::atomic<int> s_connections{0};
+
 // One peer: its session lives while the connection stands.
 class PeerConnection : public Loomy::FileTransferHandler
 {
@@ -169,6 +171,15 @@ public:
         m_controller.reset();
     }
     bool initialized() const { return m_initialized; }
+    // Frame thread: the session's figures while it stands.
+    bool stats(Loomy::SessionStats &out)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_controller)
+            out = m_controller->stats();
+        return m_controller != nullptr;
+    }
+    const int number = ++s_connections;   // tells sessions apart in the figures
     void setInitialized() { m_initialized = true; }
 
 protected:
@@ -253,6 +264,7 @@ private:
     std::vector<std::pair<QByteArray, QString>> m_events;   // received, in order
     std::map<QString, QString> m_fetchFailures;
     std::map<QString, bool> m_fetched;
+    std::map<int, Loomy::SessionStats> m_sessionStats;   // by connection number, as last seen
 };
 
 PeerConnection::PeerConnection(Kestrel::TCPSocket *socket, bool accepted, Session &session)
@@ -735,8 +747,16 @@ void Session::dump()
 
 void Session::printStats()
 {
+    Loomy::SessionStats total;
+    for (const auto &session : m_sessionStats) {
+        total.changesSent += session.second.changesSent;
+        total.changesReceived += session.second.changesReceived;
+        total.staleDropped += session.second.staleDropped;
+    }
     std::lock_guard<std::mutex> lock(m_shared.mutex);
     std::printf("stats peers %d\n", m_shared.peersEver);
+    std::printf("stats changes in %llu out %llu\n", total.changesReceived, total.changesSent);
+    std::printf("stats stale dropped %llu\n", total.staleDropped);
     std::printf("stats bundles in %llu out %llu (%llu bytes)\n", m_shared.bundlesIn, m_shared.bundlesOut,
                 m_shared.bundleBytesOut);
     std::printf("stats bytes in %llu out %llu\n", m_shared.bytesIn, m_shared.bytesOut);
@@ -782,7 +802,7 @@ int Session::run()
 
     const auto frameTime = std::chrono::microseconds(1000000 / std::max(1, m_options.fps));
     const auto start = std::chrono::steady_clock::now();
-    auto lastPing = start;
+    auto lastPing = start - std::chrono::seconds(2);
     const bool hasGoals = !m_goals.empty();
     bool goalsMet = false;
     int lingering = -1;   // frames left to let the last batches leave
@@ -812,11 +832,18 @@ int Session::run()
             }
         }
         const auto now = std::chrono::steady_clock::now();
-        if (m_options.stats && now - lastPing > std::chrono::seconds(1)) {
-            lastPing = now;
+        if (m_options.stats) {
             for (const auto &peer : connections)
-                if (peer->isConnected())
+                peer->stats(m_sessionStats[peer->number]);
+        }
+        // Our own pings, whose pongs carry their sending time back.
+        if (m_options.stats && now - lastPing > std::chrono::seconds(1)) {
+            for (const auto &peer : connections) {
+                if (peer->isConnected() && peer->initialized()) {
                     peer->ping("rtt " + QByteArray::number(Kestrel::TimeStamp::monotonicTime().seconds(), 'f', 6));
+                    lastPing = now;
+                }
+            }
         }
 
         if (lingering > 0) {

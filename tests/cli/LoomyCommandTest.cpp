@@ -146,7 +146,7 @@ TEST_F(LoomyCommand, SetRemoveAndEventReachThePeerAndAreWatched)
                         port);
     // No goals: the client stops cleanly when the server, its goals met, leaves. --no-create: the
     // server's announcement of the title, which may cross the removal, mustn't bring it back.
-    auto client = run({"connect", at(port), "--no-create", "--tree", LOOMY_SCENE, "--set", "scene/frame=int:7", "--set",
+    auto client = run({"connect", at(port), "--stats", "--no-create", "--tree", LOOMY_SCENE, "--set", "scene/frame=int:7", "--set",
                        "new/at=vector2:int:1,-2", "--remove", "scene/title", "--event", "hello=from the client"});
     EXPECT_EQ(server->finish(), 0) << qPrintable(server->err());
     EXPECT_EQ(client->finish(), 0) << qPrintable(client->err());
@@ -158,6 +158,17 @@ TEST_F(LoomyCommand, SetRemoveAndEventReachThePeerAndAreWatched)
     EXPECT_TRUE(out.contains("+ new/at vector2:int 1,-2")) << qPrintable(out.join('\n'));
     EXPECT_TRUE(out.contains("! hello from the client")) << qPrintable(out.join('\n'));
     EXPECT_EQ(lines(out, "+ scene/").size(), 10) << qPrintable(out.join('\n'));
+
+    // The client's figures: its ten additions, two changes and one removal went out; the server
+    // announced the paths back without values, so no value came in.
+    const QStringList stats = lines(client->out(), "stats ");
+    EXPECT_TRUE(stats.contains("stats peers 1")) << qPrintable(stats.join('\n'));
+    EXPECT_TRUE(stats.contains("stats changes in 0 out 13")) << qPrintable(stats.join('\n'));
+    EXPECT_TRUE(stats.contains("stats stale dropped 0")) << qPrintable(stats.join('\n'));
+    EXPECT_EQ(stats.filter(QRegularExpression("^stats bundles in [1-9]\\d* out [1-9]\\d* \\(\\d+ bytes\\)$")).size(), 1)
+        << qPrintable(stats.join('\n'));
+    EXPECT_EQ(stats.filter(QRegularExpression("^stats ping round trip \\d+\\.\\d{3} ms$")).size(), 1)
+        << qPrintable(stats.join('\n'));
 }
 
 // What --dump prints, given back with --set, builds the same tree on an empty peer.

@@ -225,7 +225,7 @@ public:
     Loomy::AssetBase &assets() { return *m_assets; }
     Shared &shared() { return m_shared; }
     const SessionOptions &options() const { return m_options; }
-    // Frame thread: an event that a peer's session received.
+    // Frame thread: an event that a peer's session received; the peer is null once it has gone.
     void received(PeerConnection *peer, const QByteArray &name, Kestrel::BinaryData &data);
 
 private:
@@ -282,8 +282,12 @@ void PeerConnection::connected()
     params.dropStaleChanges = m_session.options().dropStale;
     params.connection = std::make_shared<CountingConnection>(
         std::make_shared<Loomy::Loomy1Connection>(weak_from_this()), m_session.shared());
-    params.eventHandler = [this](const QByteArray &name, Kestrel::BinaryData &data) {
-        m_session.received(this, name, data);
+    // The core may run a last batch after this connection is gone.
+    Session &session = m_session;
+    std::weak_ptr<ConnectionThread> weak = weak_from_this();
+    params.eventHandler = [&session, weak](const QByteArray &name, Kestrel::BinaryData &data) {
+        const auto peer = std::static_pointer_cast<PeerConnection>(weak.lock());
+        session.received(peer.get(), name, data);
     };
     {
         std::lock_guard<std::mutex> lock(m_session.shared().mutex);
@@ -592,7 +596,7 @@ bool Session::apply(const Change &change, QString &error)
 
 void Session::received(PeerConnection *peer, const QByteArray &name, Kestrel::BinaryData &data)
 {
-    if (name == "initialized")
+    if (name == "initialized" && peer)
         peer->setInitialized();
     if (name != "event-slice-begin" && name != "event-slice") {
         const QString text = eventText(data);

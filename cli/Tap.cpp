@@ -164,6 +164,7 @@ void TapDecoder::D::step()
             const quint32 body = Loomy::Bundle::headerWord(buffer, 0);
             if (body > s_maxBody) {
                 undecodable(buffer.left(16), QStringLiteral("body size %1 is too large").arg(body));
+                buffer.remove(0, 16);
                 state = Raw;
                 break;
             }
@@ -207,7 +208,7 @@ void TapDecoder::D::handleLine(const QString &line)
         state = Bundles;
     } else if (filePart.exactMatch(line)) {
         pending = filePart.cap(2).toLongLong();
-        report(QStringLiteral("file %1 (%2 bytes of part %3)").arg(line.section(' ', 0, 1), filePart.cap(2), filePart.cap(3)),
+        report(QStringLiteral("file filepart \"%1\" (%2 bytes of part %3)").arg(filePart.cap(1), filePart.cap(2), filePart.cap(3)),
              {{"kind", "file"}, {"command", "filepart"}, {"name", filePart.cap(1)},
               {"bytes", pending}, {"part", filePart.cap(3).toLongLong()}});
         state = Skip;
@@ -275,12 +276,22 @@ void TapDecoder::D::bundle(const QByteArray &bytes)
                              .arg(module.isEmpty() ? QStringLiteral("unbound") : QString::fromUtf8(module))
                              .arg(b.bodySize());
     QStringList items;
+    // The bundle as one JSON object with its items; in text, the items as lines of their own.
+    const auto flush = [&] {
+        report(head, {{"kind", "bundle"}, {"id", qint64(b.bundleId())}, {"ack", qint64(b.ackBundleId())},
+                      {"type", qint64(b.messageType())}, {"module", QString::fromUtf8(module)},
+                      {"items", QJsonArray::fromStringList(items)}});
+        for (const QString &item : items)
+            report("  " + item, QJsonObject());
+    };
     const unsigned end = unsigned(bytes.size());
+    unsigned recordStart = reader.position();   // where a record that fails began
     try {
         if (module == s_handshake) {
             handshake(reader, items);
         } else if (module == s_symbols) {
             while (reader.position() < end) {
+                recordStart = reader.position();
                 const quint32 symbol = reader.read<quint32>();
                 QByteArray name;
                 reader.readBinary(name);
@@ -289,6 +300,7 @@ void TapDecoder::D::bundle(const QByteArray &bytes)
             }
         } else if (module == s_new) {
             while (reader.position() < end) {
+                recordStart = reader.position();
                 const quint32 symbol = reader.read<quint32>(), typeId = reader.read<quint32>();
                 const quint32 size = reader.read<quint32>(), flags = reader.read<quint32>();
                 types[symbol] = {typeId, size};
@@ -297,14 +309,16 @@ void TapDecoder::D::bundle(const QByteArray &bytes)
             }
         } else if (module == s_update) {
             while (reader.position() < end) {
+                recordStart = reader.position();
                 const quint32 symbol = reader.read<quint32>();
                 items << QStringLiteral("~ %1 %2").arg(path(symbol), value(symbol, reader));
             }
         } else if (module == s_remove) {
-            while (reader.position() < end)
+            for (; reader.position() < end; recordStart = reader.position())
                 items << "- " + path(reader.read<quint32>());
         } else if (module == s_event) {
             while (reader.position() < end) {
+                recordStart = reader.position();
                 const quint32 symbol = reader.read<quint32>();
                 QByteArray payload;
                 reader.readBinary(payload);
@@ -320,17 +334,11 @@ void TapDecoder::D::bundle(const QByteArray &bytes)
             items << QStringLiteral("<%1 bytes of a type not bound by the handshake>").arg(b.bodySize());
         }
     } catch (const std::exception &e) {
-        report(head, {{"kind", "bundle"}, {"id", qint64(b.bundleId())}, {"ack", qint64(b.ackBundleId())},
-                    {"type", qint64(b.messageType())}, {"module", QString::fromUtf8(module)}, {"items", QJsonArray::fromStringList(items)}});
-        for (const QString &item : items)
-            report("  " + item, {{"kind", "item"}, {"item", item}});
-        undecodable(bytes.mid(int(std::min(reader.position(), end))), QString::fromUtf8(e.what()));
+        flush();
+        undecodable(bytes.mid(int(recordStart)), QString::fromUtf8(e.what()));
         return;
     }
-    report(head, {{"kind", "bundle"}, {"id", qint64(b.bundleId())}, {"ack", qint64(b.ackBundleId())},
-                {"type", qint64(b.messageType())}, {"module", QString::fromUtf8(module)}, {"items", QJsonArray::fromStringList(items)}});
-    for (const QString &item : items)
-        report("  " + item, {{"kind", "item"}, {"item", item}});
+    flush();
 }
 
 TapDecoder::TapDecoder(Role role, const ValueText &text, Sink sink)
@@ -408,6 +416,8 @@ int runTap(const TapOptions &options)
             auto sink = [label, number, direction, &options](const QString &line, QJsonObject json) {
                 std::lock_guard<std::mutex> lock(s_printMutex);
                 if (options.json) {
+                    if (json.isEmpty())
+                        return;   // a line of text only: its content is in the object before it
                     json["conn"] = number;
                     json["dir"] = direction;
                     std::printf("%s\n", QJsonDocument(json).toJson(QJsonDocument::Compact).constData());

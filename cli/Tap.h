@@ -27,7 +27,8 @@ struct TapOptions
 int runTap(const TapOptions &options);
 
 // Decodes one direction of one connection from the bytes as they come, in pieces of any size.
-// Each decoded item goes to the sink as a line of text and as the same content in JSON; bytes
+// Each decoded item goes to the sink as a line of text and as the same content in JSON (empty for
+// a line whose content the previous object holds); bytes
 // that can't be decoded are reported as hex with the reason, and what follows is still read.
 //
 // Threads: one decoder per direction, used by one thread; the registry is only read.

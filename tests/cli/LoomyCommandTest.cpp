@@ -126,12 +126,19 @@ TEST_F(LoomyCommand, TreeReachesTheExpectingSideInBothDirections)
         const QStringList tree = {"--tree", LOOMY_SCENE, "--expect-event", "thanks"};
         int port = 0;
         auto server = serve(treeOnServer ? tree : expects + QStringList{"--event", "thanks=got it"}, port);
-        auto client = run(QStringList{"connect", at(port)}
+        auto client = run(QStringList{"connect", at(port), "--watch", "--json"}
                           + (treeOnServer ? expects + QStringList{"--event", "thanks=got it"} : tree));
         EXPECT_EQ(client->finish(), 0) << qPrintable(client->err());
         EXPECT_EQ(server->finish(), 0) << qPrintable(server->err());
         Loomy &expecting = treeOnServer ? *client : *server;
         EXPECT_EQ(lines(expecting.out(), "scene/"), s_sceneDump);
+        if (treeOnServer) {
+            const QString title = R"({"op":"+","path":"scene/title","type":"string","value":"Harbour at dusk"})";
+            EXPECT_TRUE(client->out().contains(title)) << qPrintable(client->out().join('\n'));
+        } else {
+            const QString event = R"({"event":"thanks","op":"!","text":"got it"})";
+            EXPECT_TRUE(client->out().contains(event)) << qPrintable(client->out().join('\n'));
+        }
     }
 }
 

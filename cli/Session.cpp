@@ -86,7 +86,7 @@ struct Shared
     bool progressOnTerminal = false;
 };
 
-// The splitting of PATH=REST, with a message for a missing "=".
+// NAME=REST, split at the first "="; false without a name before it.
 bool splitAssignment(const QString &text, QByteArray &left, QString &right)
 {
     const int equals = text.indexOf('=');
@@ -797,7 +797,8 @@ int Session::run()
         if (m_server->port() == 0)
             m_failure = QStringLiteral("can't listen on %1:%2").arg(m_options.host).arg(m_options.port).toUtf8();
         else
-            std::printf("listening %s %d\n", qUtf8Printable(m_options.host), m_server->port());
+            std::printf("listening %s %d\n", m_options.host.isEmpty() ? "0.0.0.0" : qUtf8Printable(m_options.host),
+                        m_server->port());
         std::fflush(stdout);
     } else {
         m_client = std::make_shared<PeerConnection>(nullptr, false, *this);

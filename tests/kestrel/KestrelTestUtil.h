@@ -9,9 +9,10 @@
 // How long a threaded test waits for what should happen at once: reached only when it fails.
 const auto s_patience = std::chrono::seconds(10);
 
-inline bool eventually(const std::function<bool()> &condition)
+// `within` is longer only for work that takes long on a busy machine (transfers of many MiB).
+inline bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds within = s_patience)
 {
-    for (const auto deadline = std::chrono::steady_clock::now() + s_patience; !condition();) {
+    for (const auto deadline = std::chrono::steady_clock::now() + within; !condition();) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 
 using LoomyCli::ValueText;
 
@@ -66,6 +67,8 @@ const TextCase s_cases[] = {
     {"asset:/textures/a b.png", 51, "", nullptr},
     {"size2:int:640,480", 52, "", nullptr},
 };
+
+void PrintTo(const TextCase &c, std::ostream *os) { *os << c.typed; }
 
 class ValueTextForms : public ::testing::TestWithParam<TextCase>
 {

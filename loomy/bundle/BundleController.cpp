@@ -158,6 +158,12 @@ Kestrel::SymbolRegistry *BundleController::symbolRegistryRecv()
     return &core->symbolRegistryRecv();
 }
 
+SessionStats BundleController::stats()
+{
+    const std::shared_ptr<Core> core = lockCore();
+    return core ? core->stats() : SessionStats();
+}
+
 Kestrel::SymbolRegistry *BundleController::symbolRegistrySend()
 {
     const std::shared_ptr<Core> core = lockCore();

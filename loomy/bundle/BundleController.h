@@ -64,6 +64,14 @@ struct LOOMY_EXPORT BundleControllerParams
     bool authoritative = false;
 };
 
+// Figures of one session since it began.
+struct LOOMY_EXPORT SessionStats
+{
+    unsigned long long changesSent = 0;       // addition, change and removal records written
+    unsigned long long changesReceived = 0;   // values applied and attributes removed for the peer
+    unsigned long long staleDropped = 0;      // peer values dropped under dropStaleChanges
+};
+
 class LOOMY_EXPORT BundleController
 {
 public:
@@ -98,6 +106,8 @@ public:
     // Null once the core is gone. The registries live as long as the core.
     Kestrel::SymbolRegistry *symbolRegistryRecv();
     Kestrel::SymbolRegistry *symbolRegistrySend();
+    // Frame thread. Zeros before the first pass and once the core is gone.
+    SessionStats stats();
 
 private:
     std::shared_ptr<Core> lockCore() const;

@@ -184,6 +184,18 @@ RemoteNode &Core::node() const
     return *m_d->node;
 }
 
+SessionStats Core::stats() const
+{
+    SessionStats stats;
+    if (!m_d->sender)
+        return stats;
+    stats.changesSent = m_d->sender->changesSent();
+    stats.changesReceived = m_d->newAttributeReceiver->m_valuesApplied + m_d->attributeUpdateReceiver->m_valuesApplied
+                            + m_d->attributeRemoveReceiver->m_removalsApplied;
+    stats.staleDropped = m_d->newAttributeReceiver->m_staleDropped + m_d->attributeUpdateReceiver->m_staleDropped;
+    return stats;
+}
+
 AttributeStorage *Core::attributeStorage() const
 {
     return m_d->storage.get();

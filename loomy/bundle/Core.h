@@ -13,6 +13,7 @@ class AttributeStorage;
 class Bundle;
 class BundleController;
 struct BundleControllerParams;
+struct SessionStats;
 class BundleDispatcher;
 class RemoteNode;
 
@@ -52,6 +53,8 @@ public:
     RemoteNode &node() const;
     // Null until initialised. Frame thread only, like everything it holds.
     AttributeStorage *attributeStorage() const;
+    // Zeros before ensureIsInitialized().
+    SessionStats stats() const;
     BundleDispatcher &dispatcher();
     Kestrel::SymbolRegistry &symbolRegistryRecv();
 

@@ -45,6 +45,7 @@ void AttributeRemoveReceiver::handleBundle(BundleReader &reader)
         if (!record->localOrigin) {
             const NodeChangeSender::IgnoreGuard echo(m_sender, {NodeWatcher::ATTRIBUTE_REMOVED, record->writeSymbol});
             delete attribute;
+            ++m_removalsApplied;
         }
 
         // readSymbol, readSize and the index stay: a later AttributeNew of the symbol finds this

@@ -24,6 +24,10 @@ private:
     RemoteNode &m_node;
     AttributeStorage &m_storage;
     NodeChangeSender &m_sender;
+
+public:
+    // Frame thread: attributes deleted for the peer's records.
+    unsigned long long m_removalsApplied = 0;
 };
 
 } // namespace Loomy

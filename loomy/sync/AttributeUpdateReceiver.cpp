@@ -35,9 +35,12 @@ void AttributeUpdateReceiver::handleBundle(BundleReader &reader)
         if (!m_dropStaleChanges || ackBundleId >= record->lastSentId) {
             const NodeChangeSender::IgnoreGuard echo(m_sender, {NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol});
             record->deserializer(reader);
+            ++m_valuesApplied;
         } else if (record->readSize != 0) {
             LoomySessionAttribute::createDummyDeserializer(record->readSize)(reader);
+            ++m_staleDropped;
         } else {
+            ++m_staleDropped;
             // A dynamic value: its length word L, then a skip of size L. Kept deliberately as it
             // is: for L 0 that skip reads the following word as a length as well, so a dropped
             // empty value swallows the next word (NewAttributeReceiver's skip reads one word).

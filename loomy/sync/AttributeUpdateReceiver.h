@@ -26,6 +26,9 @@ public:
     // Set by the session's initialisation before the first bundle: drop a value whose bundle
     // doesn't yet acknowledge this side's last send of the attribute.
     bool m_dropStaleChanges = false;
+    // Frame thread: values applied from the peer's records, and values dropped as stale.
+    unsigned long long m_valuesApplied = 0;
+    unsigned long long m_staleDropped = 0;
 };
 
 } // namespace Loomy

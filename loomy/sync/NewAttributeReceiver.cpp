@@ -111,6 +111,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
         if (hasValue && m_dropStaleChanges && reader.ackBundleId() < record->lastSentId) {
             skipValue(reader, size);
             hasValue = false;
+            ++m_staleDropped;
         }
 
         const QByteArray attributeName = path.takeLast();
@@ -145,6 +146,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
                 const NodeChangeSender::IgnoreGuard echo(m_sender, {NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol});
                 record->lastReceivedId = reader.bundleId();
                 record->deserializer(reader);
+                ++m_valuesApplied;
             }
         } else if (m_createMissingAttributes && ((flags & 1u) != 0 || !record->resendValue)) {
             // Not for an answer without a value to an announcement of ours that a local removal
@@ -160,6 +162,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
                     record->lastReceivedId = reader.bundleId();
                     deserializer(reader);
                     made->setAsDefaults();
+                    ++m_valuesApplied;
                 }
             }
             // For an unknown type id a null attribute goes in (and is refused), and the announced

@@ -72,6 +72,9 @@ public:
     // Set likewise: at the peer's first announcement of a path that this side holds, refuse the
     // peer's value and send ours again.
     bool m_authoritative = false;
+    // Frame thread: values applied from the peer's records, and values dropped as stale.
+    unsigned long long m_valuesApplied = 0;
+    unsigned long long m_staleDropped = 0;
 };
 
 } // namespace Loomy

@@ -97,6 +97,7 @@ public:
     Kestrel::Mutex m_eventMutex;                     // a leaf
     std::vector<RemoteNode::Event> m_events;         // guarded by m_eventMutex
 
+    unsigned long long m_changesSent = 0;            // frame thread only
     unsigned int m_newMessageType = 0;               // set by initialize, then read only
     unsigned int m_updateMessageType = 0;
     unsigned int m_removeMessageType = 0;
@@ -237,6 +238,7 @@ void NodeChangeSender::D::sendChanges(const std::vector<ChangeData> &changes, Bu
             bundle.stamp(messageType(type), output.nextBundleId(), output.ackBundleId());
             lastType = type;
         }
+        ++m_changesSent;
         switch (change.type) {
         case NodeWatcher::ATTRIBUTE_ADDED:
             sendAdded(*record, change.sendValue, writer);
@@ -442,6 +444,11 @@ bool NodeChangeSender::stopIgnoring(const NodeWatcher::Event &event)
 void NodeChangeSender::queueChange(unsigned int symbol)
 {
     m_d->onAttributeChange(Event{NodeWatcher::ATTRIBUTE_CHANGED, symbol});
+}
+
+unsigned long long NodeChangeSender::changesSent() const
+{
+    return m_d->m_changesSent;
 }
 
 } // namespace Loomy

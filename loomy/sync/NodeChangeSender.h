@@ -76,6 +76,9 @@ public:
         const NodeWatcher::Event m_event;
     };
 
+    // Addition, change and removal records written so far. Frame thread.
+    unsigned long long changesSent() const;
+
 private:
     class D;
     std::unique_ptr<D> m_d;

@@ -9,6 +9,7 @@
 // How long a threaded test waits for what should happen at once: reached only when it fails.
 const auto s_patience = std::chrono::seconds(10);
 
+// `within` is longer only for work that takes long on a busy machine (transfers of many MiB).
 inline bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds within = s_patience)
 {
     for (const auto deadline = std::chrono::steady_clock::now() + within; !condition();) {

@@ -337,9 +337,11 @@ TEST_F(TwoTreesSyncTest, RemovalReachesThePeerOnlyForAttributesMadeForIt)
     new FloatAttr(&left, "made", 1.f);
     settle();
     ASSERT_NE(at(right, "made"), nullptr);
+    const unsigned long long received = sessions.second->stats().changesReceived;
     for (const char *path : {"made", "early", "both"})
         delete at(left, path);
     settle();
+    EXPECT_EQ(sessions.second->stats().changesReceived, received + 2);   // "both" stays on the right
     EXPECT_EQ(at(right, "made"), nullptr);
     EXPECT_EQ(at(right, "early"), nullptr);
     EXPECT_NE(at(right, "both"), nullptr);
@@ -407,8 +409,9 @@ TEST_F(TwoTreesSyncTest, ChangesAndEventsFlowBothWaysWithoutEcho)
 
 // Two values written in one frame cross: with dropStaleChanges each side keeps its own, without it
 // they swap. Once the crossing is acknowledged, the next change on one side reaches the other.
-struct CrossCase { const char *name; bool dropStaleChanges; float leftAfter, rightAfter; };
-const CrossCase s_crossCases[] = {{"DropStaleChangesDropsBoth", true, 1.f, 2.f}, {"WithoutTheRuleTheySwap", false, 2.f, 1.f}};
+// The sessions' figures count the drops, and one change sent and applied once.
+struct CrossCase { const char *name; bool dropStaleChanges; float leftAfter, rightAfter; unsigned long long dropped; };
+const CrossCase s_crossCases[] = {{"DropStaleChangesDropsBoth", true, 1.f, 2.f, 1}, {"WithoutTheRuleTheySwap", false, 2.f, 1.f, 0}};
 class CrossingValues : public TwoTreesSyncTest, public ::testing::WithParamInterface<CrossCase> {};
 TEST_P(CrossingValues, TwoValuesWrittenInOneFrame)
 {
@@ -419,9 +422,15 @@ TEST_P(CrossingValues, TwoValuesWrittenInOneFrame)
     set(right, "x", 2.f);
     settle();
     EXPECT_EQ(values("x"), std::make_pair(GetParam().leftAfter, GetParam().rightAfter));
+    const Loomy::SessionStats leftBefore = sessions.first->stats(), rightBefore = sessions.second->stats();
+    EXPECT_EQ(leftBefore.staleDropped, GetParam().dropped);
+    EXPECT_EQ(rightBefore.staleDropped, GetParam().dropped);
     set(right, "x", 3.f);
     settle();
     EXPECT_EQ(values("x"), std::make_pair(3.f, 3.f));
+    EXPECT_EQ(sessions.second->stats().changesSent, rightBefore.changesSent + 1);
+    EXPECT_EQ(sessions.first->stats().changesReceived, leftBefore.changesReceived + 1);
+    EXPECT_EQ(sessions.first->stats().staleDropped, GetParam().dropped);
 }
 INSTANTIATE_TEST_SUITE_P(Rule, CrossingValues, ::testing::ValuesIn(s_crossCases), [](const auto &i) { return std::string(i.param.name); });
 

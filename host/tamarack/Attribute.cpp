@@ -5,9 +5,10 @@
 
 #include <QVarLengthArray>
 
-#include <map>
+#include <algorithm>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace Tamarack {
 
@@ -18,15 +19,16 @@ struct Attribute::Listeners
 {
     struct Entry
     {
-        Entry(std::function<void()> f, int r) : func(std::move(f)), role(r) {}
+        Entry(std::function<void()> f, int r, long i) : func(std::move(f)), id(i), role(r) {}
         std::function<void()> func;
+        long id;
         int role;
         std::atomic<bool> active{true};
     };
 
     std::mutex mutex;
-    std::map<long, std::shared_ptr<Entry>> entries; // guarded by mutex
-    long nextId = 1;                                // guarded by mutex
+    std::vector<std::shared_ptr<Entry>> entries; // guarded by mutex; ascending ids
+    long nextId = 1;                             // guarded by mutex
 };
 
 Attribute::Attribute() = default;
@@ -60,10 +62,12 @@ Attribute::Listeners *Attribute::listeners()
 long Attribute::addListener(std::function<void()> listener, int role)
 {
     Listeners *state = listeners();
-    auto entry = std::make_shared<Listeners::Entry>(std::move(listener), role);
+    auto entry = std::make_shared<Listeners::Entry>(std::move(listener), role, 0);
     std::lock_guard<std::mutex> lock(state->mutex);
     const long id = state->nextId++;
-    state->entries.emplace(id, std::move(entry));
+    entry->id = id;
+    // Ids only grow, so appending keeps the entries in id order.
+    state->entries.push_back(std::move(entry));
     return id;
 }
 
@@ -75,11 +79,13 @@ void Attribute::removeListener(long id)
     std::shared_ptr<Listeners::Entry> removed; // released after the unlock
     {
         std::lock_guard<std::mutex> lock(state->mutex);
-        auto it = state->entries.find(id);
-        if (it == state->entries.end())
+        auto &entries = state->entries;
+        auto it = std::lower_bound(entries.begin(), entries.end(), id,
+                                   [](const std::shared_ptr<Listeners::Entry> &entry, long key) { return entry->id < key; });
+        if (it == entries.end() || (*it)->id != id)
             return;
-        removed = std::move(it->second);
-        state->entries.erase(it);
+        removed = std::move(*it);
+        entries.erase(it);
     }
     removed->active.store(false, std::memory_order_release);
 }
@@ -94,8 +100,8 @@ void Attribute::emitRole(int role)
     {
         std::lock_guard<std::mutex> lock(state->mutex);
         for (const auto &entry : state->entries)
-            if (entry.second->role == role)
-                calls.push_back(entry.second);
+            if (entry->role == role)
+                calls.push_back(entry);
     }
     // The copies keep each function alive even if a listener removes itself while it runs.
     for (const auto &entry : calls)

@@ -1,12 +1,14 @@
 #pragma once
 #include "loomy/loomy_export.h"
 
+#include "kestrel/SymbolTable.h"
+
 #include <QByteArray>
+#include <QHash>
 #include <QReadWriteLock>
 
+#include <deque>
 #include <functional>
-#include <map>
-#include <unordered_map>
 
 namespace Loomy {
 class BundleReaderCore;
@@ -67,7 +69,8 @@ public:
     // Never null. Call only after findByName failed: a second record for one name replaces the
     // first in the name index, while the first keeps the symbol index.
     LoomySessionAttribute *create(const QByteArray &name);
-    // A symbol that already points to another record is reported and left as it is.
+    // A symbol that already points to another record is reported and left as it is. The record
+    // must be one of this storage's.
     void indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute);
 
     // Null on a miss, without a log line.
@@ -81,10 +84,11 @@ public:
     void debugDump() const;
 
 private:
-    mutable QReadWriteLock m_lock; // guards the three indexes, not the records' fields
-    std::unordered_map<unsigned int, LoomySessionAttribute *> m_byReadSymbol;
-    std::unordered_map<unsigned int, LoomySessionAttribute *> m_byWriteSymbol;
-    std::map<QByteArray, LoomySessionAttribute *> m_byName; // QByteArray's < is qstrcmp order
+    mutable QReadWriteLock m_lock; // guards the three indexes and m_records, not the records' fields
+    Kestrel::SymbolTable<LoomySessionAttribute *> m_byReadSymbol;   // null: none
+    Kestrel::SymbolTable<LoomySessionAttribute *> m_byWriteSymbol;  // null: none
+    QHash<QByteArray, LoomySessionAttribute *> m_byName;
+    std::deque<LoomySessionAttribute> m_records;  // every record made, in order; never shrinks
     RemoteNode &m_remoteNode;
 };
 

@@ -52,6 +52,8 @@ Attribute::Listeners *Attribute::listeners()
     if (current)
         return current;
     auto *made = new Listeners;
+    // A watched attribute has two at least: its watcher's and the watcher's holder's.
+    made->entries.reserve(2);
     // Two racing first listeners agree on one state: the loser frees its own.
     if (m_listeners.compare_exchange_strong(current, made, std::memory_order_acq_rel))
         return made;

@@ -50,8 +50,19 @@ AttributeStorage::AttributeStorage(RemoteNode &remoteNode)
     : m_remoteNode(remoteNode)
 {}
 
-// The records die with m_records, their two functions with them.
+// The records die with their blocks, their two functions with them.
 AttributeStorage::~AttributeStorage() = default;
+
+// Under the write lock.
+LoomySessionAttribute *AttributeStorage::allocate()
+{
+    if (m_lastBlockUsed == m_lastBlockSize) {
+        m_lastBlockSize = std::min<std::size_t>(std::max<std::size_t>(16, 2 * m_lastBlockSize), 4096);
+        m_blocks.emplace_back(new LoomySessionAttribute[m_lastBlockSize]);
+        m_lastBlockUsed = 0;
+    }
+    return &m_blocks.back()[m_lastBlockUsed++];
+}
 
 LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
 {
@@ -66,11 +77,10 @@ LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
     if (symbol == 0)
         symbol = symbols.lookupOrDefineImpl(name, name);
 
-    m_records.emplace_back();
-    LoomySessionAttribute *record = &m_records.back();
+    LoomySessionAttribute *record = allocate();
     record->writeSymbol = symbol;
     // An earlier record of the same name is replaced here, and stays reachable by its symbols.
-    m_byName.insert(name, record);
+    m_byName.make(symbol) = record;
     LoomySessionAttribute *&bySymbol = m_byWriteSymbol.make(symbol);
     if (!bySymbol)
         bySymbol = record;
@@ -106,7 +116,14 @@ LoomySessionAttribute *AttributeStorage::findByWriteSymbol(unsigned int symbol) 
 LoomySessionAttribute *AttributeStorage::findByName(const QByteArray &name) const
 {
     Kestrel::ReadLocker locker(&m_lock);
-    return m_byName.value(name, nullptr);
+    Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
+    unsigned int symbol;
+    {
+        Kestrel::ReadLocker symbolLocker(&symbols.lock());
+        symbol = symbols.lookupUnlocked(name);
+    }
+    LoomySessionAttribute *const *named = symbol ? m_byName.find(symbol) : nullptr;
+    return named ? *named : nullptr;
 }
 
 void AttributeStorage::debugDump() const
@@ -114,9 +131,11 @@ void AttributeStorage::debugDump() const
     const AttributeCache &cache = m_remoteNode.cache();
     // Path order, by qstrcmp (QByteArray's operator<).
     std::vector<std::pair<QByteArray, LoomySessionAttribute *>> byName;
-    byName.reserve(std::size_t(m_byName.size()));
-    for (auto it = m_byName.cbegin(); it != m_byName.cend(); ++it)
-        byName.emplace_back(it.key(), it.value());
+    const Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
+    m_byName.forEach([&](unsigned int symbol, LoomySessionAttribute *record) {
+        if (record)
+            byName.emplace_back(symbols.nameUnlocked(symbol), record);
+    });
     std::sort(byName.begin(), byName.end(),
               [](const auto &a, const auto &b) { return a.first < b.first; });
     for (const auto &entry : byName) {

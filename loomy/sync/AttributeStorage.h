@@ -4,11 +4,11 @@
 #include "kestrel/SymbolTable.h"
 
 #include <QByteArray>
-#include <QHash>
 #include <QReadWriteLock>
 
-#include <deque>
 #include <functional>
+#include <memory>
+#include <vector>
 
 namespace Loomy {
 class BundleReaderCore;
@@ -84,11 +84,18 @@ public:
     void debugDump() const;
 
 private:
-    mutable QReadWriteLock m_lock; // guards the three indexes and m_records, not the records' fields
+    LoomySessionAttribute *allocate();
+
+    mutable QReadWriteLock m_lock; // guards the three indexes and the blocks, not the records' fields
     Kestrel::SymbolTable<LoomySessionAttribute *> m_byReadSymbol;   // null: none
     Kestrel::SymbolTable<LoomySessionAttribute *> m_byWriteSymbol;  // null: none
-    QHash<QByteArray, LoomySessionAttribute *> m_byName;
-    std::deque<LoomySessionAttribute> m_records;  // every record made, in order; never shrinks
+    // The name index, keyed by the name's symbol in the node's registry, where create() puts
+    // every name, and which never forgets one.
+    Kestrel::SymbolTable<LoomySessionAttribute *> m_byName;         // null: none
+    // Every record made, in blocks that double in size up to a limit; records never move.
+    std::vector<std::unique_ptr<LoomySessionAttribute[]>> m_blocks;
+    std::size_t m_lastBlockSize = 0;
+    std::size_t m_lastBlockUsed = 0;
     RemoteNode &m_remoteNode;
 };
 

@@ -1,5 +1,6 @@
 #include "tamarack/Attribute.h"
 #include "tamarack/Node.h"
+#include "tamarack/SpinLock.h"
 
 #include "kestrel/Trace.h"
 
@@ -8,11 +9,10 @@
 #include <algorithm>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 namespace Tamarack {
 
-// Registered listeners of one attribute. Emission copies the entries of a role under the mutex
+// Registered listeners of one attribute. Emission copies the entries of a role under the lock
 // and calls them with no lock held; removal clears an entry's flag so that an emission running
 // on a copy skips it if its turn has not come yet.
 struct Attribute::Listeners
@@ -26,9 +26,11 @@ struct Attribute::Listeners
         std::atomic<bool> active{true};
     };
 
-    std::mutex mutex;
-    std::vector<std::shared_ptr<Entry>> entries; // guarded by mutex; ascending ids
-    long nextId = 1;                             // guarded by mutex
+    // Short sections only, never held while a listener runs; a watched attribute has one or two
+    // listeners, so both usually fit in the state's own allocation.
+    SpinLock lock;
+    QVarLengthArray<std::shared_ptr<Entry>, 2> entries; // guarded by lock; ascending ids
+    long nextId = 1;                                    // guarded by lock
 };
 
 Attribute::Attribute() = default;
@@ -52,8 +54,6 @@ Attribute::Listeners *Attribute::listeners()
     if (current)
         return current;
     auto *made = new Listeners;
-    // A watched attribute has two at least: its watcher's and the watcher's holder's.
-    made->entries.reserve(2);
     // Two racing first listeners agree on one state: the loser frees its own.
     if (m_listeners.compare_exchange_strong(current, made, std::memory_order_acq_rel))
         return made;
@@ -65,7 +65,7 @@ long Attribute::addListener(std::function<void()> listener, int role)
 {
     Listeners *state = listeners();
     auto entry = std::make_shared<Listeners::Entry>(std::move(listener), role, 0);
-    std::lock_guard<std::mutex> lock(state->mutex);
+    std::lock_guard<SpinLock> lock(state->lock);
     const long id = state->nextId++;
     entry->id = id;
     // Ids only grow, so appending keeps the entries in id order.
@@ -80,7 +80,7 @@ void Attribute::removeListener(long id)
         return;
     std::shared_ptr<Listeners::Entry> removed; // released after the unlock
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
+        std::lock_guard<SpinLock> lock(state->lock);
         auto &entries = state->entries;
         auto it = std::lower_bound(entries.begin(), entries.end(), id,
                                    [](const std::shared_ptr<Listeners::Entry> &entry, long key) { return entry->id < key; });
@@ -100,7 +100,7 @@ void Attribute::emitRole(int role)
     // Most attributes have a listener or two: keep the copy off the heap on that path.
     QVarLengthArray<std::shared_ptr<Listeners::Entry>, 4> calls;
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
+        std::lock_guard<SpinLock> lock(state->lock);
         for (const auto &entry : state->entries)
             if (entry->role == role)
                 calls.push_back(entry);

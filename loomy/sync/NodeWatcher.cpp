@@ -40,7 +40,7 @@ const char *const s_emptyName = "NodeWatcher # Found an attribute with an empty 
 template <typename Fn>
 void forEachChild(Node &node, const QByteArray &path, Fn fn)
 {
-    for (const auto &entry : node.attributes()) {
+    for (const auto &entry : node.children()) {
         Attribute *child = entry.second;
         if (!child)
             continue;

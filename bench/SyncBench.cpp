@@ -167,6 +167,14 @@ public:
         return true;
     }
 
+    // A few idle frames let both sides settle after the initial state: the peer's answers
+    // acknowledged, task queues empty.
+    static void settle()
+    {
+        for (int i = 0; i < 3; ++i)
+            Node::runHostUpdate();
+    }
+
     // Controllers go first; the next pass releases their sessions while both trees stand.
     void release()
     {
@@ -200,6 +208,8 @@ LinkedTrees *changeWorld()
             s_changeWorld.reset();
             return nullptr;
         }
+        // Otherwise the first timed frame would also apply the answers to the initial state.
+        LinkedTrees::settle();
         s_lastValue = float(s_groupSize);
     }
     return s_changeWorld.get();
@@ -345,9 +355,7 @@ void BM_Memory(benchmark::State &state)
             state.SkipWithError("the initial state did not arrive whole");
             return;
         }
-        // A few idle frames let both sides settle: answers acknowledged, task queues empty.
-        for (int i = 0; i < 3; ++i)
-            Node::runHostUpdate();
+        LinkedTrees::settle();
         link->copies.clear();
         link->copies.shrink_to_fit();
         const double synced = heapInUse();

@@ -9,6 +9,8 @@ namespace Kestrel {
 // Values by symbol. Symbols are mostly handed out one after the other, so the values sit in a
 // vector indexed by the symbol; a symbol far beyond the others goes to a hash map instead, and
 // moves into the vector once the vector grows to cover it. A slot that was never set holds T().
+// The vector never outgrows twice the number of make() calls (plus a little): numbers chosen by
+// a peer cannot make it large without as many entries.
 //
 // No lock: the owner guards it. References stay valid until the next make().
 template <typename T>
@@ -28,9 +30,10 @@ public:
     // The value's slot, made (as T()) if the table has none.
     T &make(unsigned symbol)
     {
+        const std::size_t makes = m_makes++;
         if (symbol < m_dense.size())
             return m_dense[symbol];
-        if (symbol >= 2 * m_dense.size() + s_slack)
+        if (symbol >= 2 * makes + s_slack)
             return m_sparse[symbol];
         m_dense.resize(std::size_t(symbol) + 1);   // grows the capacity geometrically
         for (auto it = m_sparse.begin(); it != m_sparse.end();) {
@@ -68,6 +71,7 @@ private:
 
     std::vector<T> m_dense;
     std::unordered_map<unsigned, T> m_sparse;
+    std::size_t m_makes = 0;
 };
 
 } // namespace Kestrel

@@ -107,3 +107,15 @@ TEST(SymbolRegistry, StaysInverseThroughRandomDefinitions)
     }
     EXPECT_EQ(registry.lookup("absent"), 0u);
 }
+
+// Numbers that a peer chooses, each about twice the last, must not make the registry allocate
+// a table as large as the largest number.
+TEST(SymbolRegistry, FarNumbersStayCheap)
+{
+    SymbolRegistry registry;
+    unsigned symbol = 1000;
+    for (int i = 0; i < 21; ++i, symbol = 2 * symbol + 1000)
+        registry.define("far" + QByteArray::number(i), "far", symbol);
+    EXPECT_EQ(registry.name(symbol / 2 - 500), "far20");
+    EXPECT_EQ(registry.count(), 21u);
+}

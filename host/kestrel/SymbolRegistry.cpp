@@ -3,6 +3,10 @@
 #include "kestrel/ReadWriteLocker.h"
 #include "kestrel/Trace.h"
 
+#include <QHash>
+
+#include <algorithm>
+
 namespace Kestrel {
 
 void SymbolRegistry::define(const QByteArray &name, const QByteArray &second, unsigned symbol)
@@ -15,29 +19,40 @@ void SymbolRegistry::define(const QByteArray &name, const QByteArray &second, un
     defineUnlocked(name, second, symbol);
 }
 
-// Keeps the two maps inverse: an older number of the name and an older name of the number are
-// forgotten first.
+// Keeps the two directions inverse: an older number of the name and an older name of the number
+// are forgotten first.
 void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol)
 {
-    auto byName = m_byName.find(name);
-    if (byName != m_byName.end() && byName->second != symbol)
-        m_bySymbol.erase(byName->second);
-    auto bySymbol = m_bySymbol.find(symbol);
-    if (bySymbol != m_bySymbol.end() && bySymbol->second.first != name)
-        m_byName.erase(bySymbol->second.first);
-    m_byName[name] = symbol;
-    m_bySymbol[symbol] = std::make_pair(name, second);
+    const unsigned hash = qHash(name);
+    const unsigned old = m_slots.empty() ? 0 : m_slots[findSlot(name, hash)].symbol;
+    if (old != symbol) {
+        if (old != 0)
+            forget(old);
+        if (const Entry *held = entry(symbol))
+            if (held->name != name)
+                forget(symbol);
+    }
+    Entry &made = m_entries.make(symbol);
+    if (!made.defined) {
+        made.defined = true;
+        ++m_count;
+        insertSlot(hash, symbol);
+    }
+    made.name = name;
+    if (second == name)
+        m_seconds.erase(symbol);
+    else
+        m_seconds[symbol] = second;
 }
 
 unsigned SymbolRegistry::lookupOrDefineImpl(const QByteArray &name, const QByteArray &second)
 {
     WriteLocker locker(&m_lock);
     // Another thread may have defined the name between the caller's read-locked miss and now.
-    auto it = m_byName.find(name);
-    if (it != m_byName.end())
-        return it->second;
+    if (const unsigned symbol = lookupUnlocked(name))
+        return symbol;
     // Numbers given by define() may sit anywhere; skip them, and 0 after a wrap.
-    while (m_next == 0 || m_bySymbol.count(m_next))
+    while (m_next == 0 || entry(m_next))
         ++m_next;
     const unsigned symbol = m_next++;
     defineUnlocked(name, second, symbol);
@@ -65,26 +80,92 @@ QByteArray SymbolRegistry::name(unsigned symbol) const
 QByteArray SymbolRegistry::second(unsigned symbol) const
 {
     ReadLocker locker(&m_lock);
-    auto it = m_bySymbol.find(symbol);
-    return it == m_bySymbol.end() ? QByteArray() : it->second.second;
+    const Entry *held = entry(symbol);
+    if (!held)
+        return QByteArray();
+    auto it = m_seconds.find(symbol);
+    return it == m_seconds.end() ? held->name : it->second;
 }
 
 std::size_t SymbolRegistry::count() const
 {
     ReadLocker locker(&m_lock);
-    return m_byName.size();
+    return m_count;
 }
 
 unsigned SymbolRegistry::lookupUnlocked(const QByteArray &name) const
 {
-    auto it = m_byName.find(name);
-    return it == m_byName.end() ? 0 : it->second;
+    return m_slots.empty() ? 0 : m_slots[findSlot(name, qHash(name))].symbol;
 }
 
 QByteArray SymbolRegistry::nameUnlocked(unsigned symbol) const
 {
-    auto it = m_bySymbol.find(symbol);
-    return it == m_bySymbol.end() ? QByteArray() : it->second.first;
+    const Entry *held = entry(symbol);
+    return held ? held->name : QByteArray();
+}
+
+const SymbolRegistry::Entry *SymbolRegistry::entry(unsigned symbol) const
+{
+    const Entry *held = m_entries.find(symbol);
+    return held && held->defined ? held : nullptr;
+}
+
+// Drops a defined symbol in both directions.
+void SymbolRegistry::forget(unsigned symbol)
+{
+    const Entry *held = entry(symbol);
+    eraseSlot(findSlot(held->name, qHash(held->name)));
+    m_entries.reset(symbol);
+    m_seconds.erase(symbol);
+    --m_count;
+}
+
+std::size_t SymbolRegistry::findSlot(const QByteArray &name, unsigned hash) const
+{
+    const std::size_t mask = m_slots.size() - 1;
+    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+        const Slot &slot = m_slots[i];
+        if (slot.symbol == 0 || (slot.hash == hash && entry(slot.symbol)->name == name))
+            return i;
+    }
+}
+
+void SymbolRegistry::insertSlot(unsigned hash, unsigned symbol)
+{
+    if (2 * m_count > m_slots.size()) {
+        std::vector<Slot> old(std::max<std::size_t>(16, 2 * m_slots.size()), Slot{0, 0});
+        old.swap(m_slots);
+        const std::size_t mask = m_slots.size() - 1;
+        for (const Slot &slot : old) {
+            if (slot.symbol == 0)
+                continue;
+            std::size_t i = slot.hash & mask;
+            while (m_slots[i].symbol != 0)
+                i = (i + 1) & mask;
+            m_slots[i] = slot;
+        }
+    }
+    const std::size_t mask = m_slots.size() - 1;
+    std::size_t i = hash & mask;
+    while (m_slots[i].symbol != 0)
+        i = (i + 1) & mask;
+    m_slots[i] = Slot{hash, symbol};
+}
+
+// Backward-shift deletion: later members of the probe run move up, so no tombstones are needed.
+void SymbolRegistry::eraseSlot(std::size_t slot)
+{
+    const std::size_t mask = m_slots.size() - 1;
+    std::size_t hole = slot;
+    for (std::size_t i = (slot + 1) & mask; m_slots[i].symbol != 0; i = (i + 1) & mask) {
+        const std::size_t home = m_slots[i].hash & mask;
+        // The entry may fill the hole if its home is not cyclically within (hole, i].
+        if (((i - home) & mask) >= ((i - hole) & mask)) {
+            m_slots[hole] = m_slots[i];
+            hole = i;
+        }
+    }
+    m_slots[hole] = Slot{0, 0};
 }
 
 } // namespace Kestrel

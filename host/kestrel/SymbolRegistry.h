@@ -1,12 +1,12 @@
 #pragma once
+#include "kestrel/SymbolTable.h"
 #include "kestrel/kestrel_export.h"
 
 #include <QByteArray>
 #include <QReadWriteLock>
 
-#include <map>
 #include <unordered_map>
-#include <utility>
+#include <vector>
 
 namespace Kestrel {
 
@@ -40,11 +40,32 @@ public:
     QByteArray nameUnlocked(unsigned symbol) const;
 
 private:
+    // A defined symbol's name. The second array is kept apart, and only where its bytes differ
+    // from the name's: this system always passes the same array twice.
+    struct Entry
+    {
+        QByteArray name;
+        bool defined = false;
+    };
+    // One place of the open-addressing index from names to symbols; symbol 0 marks a free place.
+    struct Slot
+    {
+        unsigned hash;
+        unsigned symbol;
+    };
+
     void defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol);
+    const Entry *entry(unsigned symbol) const;   // null unless defined
+    void forget(unsigned symbol);
+    std::size_t findSlot(const QByteArray &name, unsigned hash) const; // its slot, or a free one
+    void insertSlot(unsigned hash, unsigned symbol);
+    void eraseSlot(std::size_t slot);
 
     // All guarded by m_lock.
-    std::map<QByteArray, unsigned int> m_byName;
-    std::unordered_map<unsigned int, std::pair<QByteArray, QByteArray>> m_bySymbol;
+    SymbolTable<Entry> m_entries;
+    std::unordered_map<unsigned int, QByteArray> m_seconds;
+    std::vector<Slot> m_slots;  // power-of-two size, at most half full; linear probing
+    std::size_t m_count = 0;    // defined names
     mutable QReadWriteLock m_lock;
     unsigned m_next = 1;   // next candidate for allocation; never 0
 };

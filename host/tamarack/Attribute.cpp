@@ -1,32 +1,36 @@
 #include "tamarack/Attribute.h"
 #include "tamarack/Node.h"
+#include "tamarack/SpinLock.h"
 
 #include "kestrel/Trace.h"
 
 #include <QVarLengthArray>
 
-#include <map>
+#include <algorithm>
 #include <memory>
 #include <mutex>
 
 namespace Tamarack {
 
-// Registered listeners of one attribute. Emission copies the entries of a role under the mutex
+// Registered listeners of one attribute. Emission copies the entries of a role under the lock
 // and calls them with no lock held; removal clears an entry's flag so that an emission running
 // on a copy skips it if its turn has not come yet.
 struct Attribute::Listeners
 {
     struct Entry
     {
-        Entry(std::function<void()> f, int r) : func(std::move(f)), role(r) {}
+        Entry(std::function<void()> f, int r, long i) : func(std::move(f)), id(i), role(r) {}
         std::function<void()> func;
+        long id;
         int role;
         std::atomic<bool> active{true};
     };
 
-    std::mutex mutex;
-    std::map<long, std::shared_ptr<Entry>> entries; // guarded by mutex
-    long nextId = 1;                                // guarded by mutex
+    // Short sections only, never held while a listener runs; a watched attribute has one or two
+    // listeners, so both usually fit in the state's own allocation.
+    SpinLock lock;
+    QVarLengthArray<std::shared_ptr<Entry>, 2> entries; // guarded by lock; ascending ids
+    long nextId = 1;                                    // guarded by lock
 };
 
 Attribute::Attribute() = default;
@@ -60,10 +64,12 @@ Attribute::Listeners *Attribute::listeners()
 long Attribute::addListener(std::function<void()> listener, int role)
 {
     Listeners *state = listeners();
-    auto entry = std::make_shared<Listeners::Entry>(std::move(listener), role);
-    std::lock_guard<std::mutex> lock(state->mutex);
+    auto entry = std::make_shared<Listeners::Entry>(std::move(listener), role, 0);
+    std::lock_guard<SpinLock> lock(state->lock);
     const long id = state->nextId++;
-    state->entries.emplace(id, std::move(entry));
+    entry->id = id;
+    // Ids only grow, so appending keeps the entries in id order.
+    state->entries.push_back(std::move(entry));
     return id;
 }
 
@@ -74,12 +80,14 @@ void Attribute::removeListener(long id)
         return;
     std::shared_ptr<Listeners::Entry> removed; // released after the unlock
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
-        auto it = state->entries.find(id);
-        if (it == state->entries.end())
+        std::lock_guard<SpinLock> lock(state->lock);
+        auto &entries = state->entries;
+        auto it = std::lower_bound(entries.begin(), entries.end(), id,
+                                   [](const std::shared_ptr<Listeners::Entry> &entry, long key) { return entry->id < key; });
+        if (it == entries.end() || (*it)->id != id)
             return;
-        removed = std::move(it->second);
-        state->entries.erase(it);
+        removed = std::move(*it);
+        entries.erase(it);
     }
     removed->active.store(false, std::memory_order_release);
 }
@@ -92,10 +100,10 @@ void Attribute::emitRole(int role)
     // Most attributes have a listener or two: keep the copy off the heap on that path.
     QVarLengthArray<std::shared_ptr<Listeners::Entry>, 4> calls;
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
+        std::lock_guard<SpinLock> lock(state->lock);
         for (const auto &entry : state->entries)
-            if (entry.second->role == role)
-                calls.push_back(entry.second);
+            if (entry->role == role)
+                calls.push_back(entry);
     }
     // The copies keep each function alive even if a listener removes itself while it runs.
     for (const auto &entry : calls)

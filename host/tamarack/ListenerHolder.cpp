@@ -1,7 +1,7 @@
 #include "tamarack/ListenerHolder.h"
 
-#include <map>
 #include <mutex>
+#include <unordered_map>
 #include <vector>
 
 namespace Tamarack {
@@ -10,29 +10,29 @@ namespace Tamarack {
 // runs after the holder is gone finds the state still there.
 struct ListenerHolder::State
 {
+    // The caller's listeners are `first`, then `more`: most attributes get exactly one.
     struct Held
     {
-        long deleteListener = 0;     // the holder's own, which forgets the attribute
-        std::vector<long> listeners; // the caller's
+        long deleteListener = 0; // the holder's own, which forgets the attribute
+        long first = 0;          // 0 for none
+        std::vector<long> more;
     };
 
     // Held while calling removeListener on attributes: an attribute whose deletion reaches its
     // DELETE_ROLE listener waits here, so it is alive while the holder removes listeners from
     // it. Lock order: this mutex, then the attribute's listener lock.
     std::mutex mutex;
-    std::map<Attribute *, Held> held; // guarded by mutex
+    std::unordered_map<Attribute *, Held> held; // guarded by mutex
+
+    static void removeAll(Attribute *attribute, const Held &held)
+    {
+        if (held.first)
+            attribute->removeListener(held.first);
+        for (long id : held.more)
+            attribute->removeListener(id);
+        attribute->removeListener(held.deleteListener);
+    }
 };
-
-namespace {
-
-void removeAll(Attribute *attribute, const std::vector<long> &listeners, long deleteListener)
-{
-    for (long id : listeners)
-        attribute->removeListener(id);
-    attribute->removeListener(deleteListener);
-}
-
-} // namespace
 
 ListenerHolder::ListenerHolder()
     : m_state(std::make_shared<State>())
@@ -43,7 +43,7 @@ ListenerHolder::~ListenerHolder()
 {
     std::lock_guard<std::mutex> lock(m_state->mutex);
     for (const auto &entry : m_state->held)
-        removeAll(entry.first, entry.second.listeners, entry.second.deleteListener);
+        State::removeAll(entry.first, entry.second);
     m_state->held.clear();
 }
 
@@ -64,7 +64,10 @@ long ListenerHolder::add(Attribute *attribute, const std::function<void()> &list
         }, Attribute::DELETE_ROLE);
     }
     const long id = attribute->addListener(listener, role);
-    held.listeners.push_back(id);
+    if (!held.first)
+        held.first = id;
+    else
+        held.more.push_back(id);
     return id;
 }
 
@@ -74,7 +77,7 @@ void ListenerHolder::removeListeners(Attribute *attribute)
     auto it = m_state->held.find(attribute);
     if (it == m_state->held.end())
         return;
-    removeAll(attribute, it->second.listeners, it->second.deleteListener);
+    State::removeAll(attribute, it->second);
     m_state->held.erase(it);
 }
 

@@ -143,6 +143,17 @@ QList<QPair<QByteArray, Attribute *>> Node::attributes() const
     return out;
 }
 
+std::vector<std::pair<QByteArray, Attribute *>> Node::children() const
+{
+    std::lock_guard<std::mutex> lock(m_d->childMutex);
+    std::vector<std::pair<QByteArray, Attribute *>> out;
+    out.reserve(m_d->children.size() - std::size_t(m_d->holes));
+    for (const auto &child : m_d->children)
+        if (child.attribute)
+            out.emplace_back(child.name, child.attribute);
+    return out;
+}
+
 Attribute *Node::attribute(const QByteArray &name) const
 {
     std::lock_guard<std::mutex> lock(m_d->childMutex);

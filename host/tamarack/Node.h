@@ -9,6 +9,8 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace Kestrel { class BinaryData; }
 
@@ -35,6 +37,9 @@ public:
     // The (name, attribute) pairs in addition order. Entries are never null today, but callers
     // should skip a null attribute.
     QList<QPair<QByteArray, Attribute *>> attributes() const;
+    // The same pairs as attributes(), in one allocation for the whole list rather than one per
+    // entry: for walks over large trees.
+    std::vector<std::pair<QByteArray, Attribute *>> children() const;
     // The direct child of that name or null. Constant time.
     Attribute *attribute(const QByteArray &name) const override;
 

@@ -8,26 +8,22 @@ namespace Loomy {
 bool AttributeCache::add(unsigned int symbol, Tamarack::Attribute *attribute)
 {
     Kestrel::WriteLocker locker(&m_lock);
-    auto it = m_attributes.find(symbol);
-    if (it != m_attributes.end()) {
-        if (it->second == attribute)
-            return true;
+    Tamarack::Attribute *&cached = m_attributes.make(symbol);
+    if (cached && cached != attribute) {
         locker.unlock();
         Kestrel::Trace::error("AttributeCache::ensureExists # Found an existing symbol (%u) pointing to a different attribute",
                               symbol);
         return false;
     }
-    m_attributes.emplace(symbol, attribute);
-    // An attribute cached under another symbol keeps its first reverse entry.
-    m_symbols.emplace(attribute, symbol);
+    cached = attribute;
     return true;
 }
 
 Tamarack::Attribute *AttributeCache::find(unsigned int symbol) const
 {
     Kestrel::ReadLocker locker(&m_lock);
-    auto it = m_attributes.find(symbol);
-    return it == m_attributes.end() ? nullptr : it->second;
+    Tamarack::Attribute *const *cached = m_attributes.find(symbol);
+    return cached ? *cached : nullptr;
 }
 
 bool AttributeCache::isNode(unsigned int symbol) const
@@ -48,14 +44,13 @@ void AttributeCache::setIsNode(unsigned int symbol, bool isNode)
 bool AttributeCache::remove(unsigned int symbol)
 {
     Kestrel::WriteLocker locker(&m_lock);
-    auto it = m_attributes.find(symbol);
-    if (it == m_attributes.end()) {
+    Tamarack::Attribute *const *cached = m_attributes.find(symbol);
+    if (!cached || !*cached) {
         locker.unlock();
         Kestrel::Trace::error("AttributeCache::remove # Trying to remove missing symbol: %u", symbol);
         return false;
     }
-    m_symbols.erase(it->second);
-    m_attributes.erase(it);
+    m_attributes.reset(symbol);
     m_nodes.erase(symbol);
     return true;
 }

@@ -1,16 +1,17 @@
 #pragma once
 #include "loomy/loomy_export.h"
 
+#include "kestrel/SymbolTable.h"
+
 #include <QReadWriteLock>
 
-#include <unordered_map>
 #include <unordered_set>
 
 namespace Tamarack { class Attribute; }
 
 namespace Loomy {
 
-// Symbol to live attribute of one watched tree, the reverse table, and the mark of the symbols
+// Symbol to live attribute of one watched tree, and the mark of the symbols
 // that stand for nodes. The mark outlives the attribute's dynamic type: at a removal the
 // attribute may already be reduced to its base, and the mark still tells what it was.
 //
@@ -32,14 +33,13 @@ public:
     bool isNode(unsigned int symbol) const;
     // Works for a symbol that is not (yet) cached.
     void setIsNode(unsigned int symbol, bool isNode);
-    // Drops the symbol, its reverse entry and its node mark; an unknown symbol is reported (false).
+    // Drops the symbol and its node mark; an unknown symbol is reported (false).
     bool remove(unsigned int symbol);
 
 private:
-    mutable QReadWriteLock m_lock;                                     // guards the three tables
+    mutable QReadWriteLock m_lock;                                     // guards both tables
     std::unordered_set<unsigned int> m_nodes;
-    std::unordered_map<unsigned int, Tamarack::Attribute *> m_attributes;
-    std::unordered_map<Tamarack::Attribute *, unsigned int> m_symbols;
+    Kestrel::SymbolTable<Tamarack::Attribute *> m_attributes;          // null: not cached
 };
 
 } // namespace Loomy

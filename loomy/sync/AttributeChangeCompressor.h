@@ -2,6 +2,8 @@
 #include "loomy/loomy_export.h"
 #include "loomy/sync/NodeWatcher.h"
 
+#include "kestrel/SymbolTable.h"
+
 #include <cstddef>
 #include <vector>
 
@@ -37,7 +39,15 @@ public:
     std::size_t scratchCapacity() const { return m_reversed.capacity(); }
 
 private:
+    // What one call has seen of a symbol; all zero between calls.
+    struct Mark
+    {
+        unsigned int firstAdded = 0;    // 1 + index of the symbol's first addition; 0 for none
+        unsigned char seen = 0;         // the s_... bits of the .cpp
+    };
+
     std::vector<ChangeData> m_reversed; // survivors of the backward pass; only its capacity lives on
+    Kestrel::SymbolTable<Mark> m_marks; // scratch by symbol; only its allocation lives on
 };
 
 } // namespace Loomy

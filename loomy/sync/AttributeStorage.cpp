@@ -12,10 +12,12 @@
 
 #include <cxxabi.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <typeinfo>
+#include <utility>
+#include <vector>
 
 namespace Loomy {
 
@@ -48,27 +50,23 @@ AttributeStorage::AttributeStorage(RemoteNode &remoteNode)
     : m_remoteNode(remoteNode)
 {}
 
-// A record can stand in any subset of the three indexes (see create), and under several read
-// symbols: collect first so that each is deleted once.
-AttributeStorage::~AttributeStorage()
+// The records die with their blocks, their two functions with them.
+AttributeStorage::~AttributeStorage() = default;
+
+// Under the write lock.
+LoomySessionAttribute *AttributeStorage::allocate()
 {
-    std::set<LoomySessionAttribute *> records;
-    for (const auto &entry : m_byReadSymbol)
-        records.insert(entry.second);
-    for (const auto &entry : m_byWriteSymbol)
-        records.insert(entry.second);
-    for (const auto &entry : m_byName)
-        records.insert(entry.second);
-    for (LoomySessionAttribute *record : records)
-        delete record;
+    if (m_lastBlockUsed == m_lastBlockSize) {
+        m_lastBlockSize = std::min<std::size_t>(std::max<std::size_t>(16, 2 * m_lastBlockSize), 4096);
+        m_blocks.emplace_back(new LoomySessionAttribute[m_lastBlockSize]);
+        m_lastBlockUsed = 0;
+    }
+    return &m_blocks.back()[m_lastBlockUsed++];
 }
 
 LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
 {
     Kestrel::WriteLocker locker(&m_lock);
-    // Kept if present: its pointer is overwritten below, so an earlier record of the same name is
-    // reachable by its symbols only.
-    auto named = m_byName.emplace(name, nullptr).first;
 
     Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
     unsigned int symbol;
@@ -79,48 +77,68 @@ LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
     if (symbol == 0)
         symbol = symbols.lookupOrDefineImpl(name, name);
 
-    auto *record = new LoomySessionAttribute;
+    LoomySessionAttribute *record = allocate();
     record->writeSymbol = symbol;
-    named->second = record;
-    m_byWriteSymbol.emplace(symbol, record);
+    // An earlier record of the same name is replaced here, and stays reachable by its symbols.
+    m_byName.make(symbol) = record;
+    LoomySessionAttribute *&bySymbol = m_byWriteSymbol.make(symbol);
+    if (!bySymbol)
+        bySymbol = record;
     return record;
 }
 
 void AttributeStorage::indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute)
 {
     Kestrel::WriteLocker locker(&m_lock);
-    auto result = m_byReadSymbol.emplace(symbol, attribute);
-    if (!result.second && result.first->second != attribute) {
+    LoomySessionAttribute *&indexed = m_byReadSymbol.make(symbol);
+    if (indexed && indexed != attribute) {
         locker.unlock();
         Kestrel::Trace::error("AttributeStorage::indexByReadSymbol # Symbol already points to some other session attribute");
+        return;
     }
+    indexed = attribute;
 }
 
 LoomySessionAttribute *AttributeStorage::findByReadSymbol(unsigned int symbol) const
 {
     Kestrel::ReadLocker locker(&m_lock);
-    auto it = m_byReadSymbol.find(symbol);
-    return it == m_byReadSymbol.end() ? nullptr : it->second;
+    LoomySessionAttribute *const *indexed = m_byReadSymbol.find(symbol);
+    return indexed ? *indexed : nullptr;
 }
 
 LoomySessionAttribute *AttributeStorage::findByWriteSymbol(unsigned int symbol) const
 {
     Kestrel::ReadLocker locker(&m_lock);
-    auto it = m_byWriteSymbol.find(symbol);
-    return it == m_byWriteSymbol.end() ? nullptr : it->second;
+    LoomySessionAttribute *const *indexed = m_byWriteSymbol.find(symbol);
+    return indexed ? *indexed : nullptr;
 }
 
 LoomySessionAttribute *AttributeStorage::findByName(const QByteArray &name) const
 {
     Kestrel::ReadLocker locker(&m_lock);
-    auto it = m_byName.find(name);
-    return it == m_byName.end() ? nullptr : it->second;
+    Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
+    unsigned int symbol;
+    {
+        Kestrel::ReadLocker symbolLocker(&symbols.lock());
+        symbol = symbols.lookupUnlocked(name);
+    }
+    LoomySessionAttribute *const *named = symbol ? m_byName.find(symbol) : nullptr;
+    return named ? *named : nullptr;
 }
 
 void AttributeStorage::debugDump() const
 {
     const AttributeCache &cache = m_remoteNode.cache();
-    for (const auto &entry : m_byName) {
+    // Path order, by qstrcmp (QByteArray's operator<).
+    std::vector<std::pair<QByteArray, LoomySessionAttribute *>> byName;
+    const Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
+    m_byName.forEach([&](unsigned int symbol, LoomySessionAttribute *record) {
+        if (record)
+            byName.emplace_back(symbols.nameUnlocked(symbol), record);
+    });
+    std::sort(byName.begin(), byName.end(),
+              [](const auto &a, const auto &b) { return a.first < b.first; });
+    for (const auto &entry : byName) {
         const QByteArray &name = entry.first;
         if (name.startsWith(s_schemaPrefix))
             continue;
@@ -138,7 +156,7 @@ void AttributeStorage::debugDump() const
 
         const QByteArray prefix = s_schemaPrefix + name + "/";
         QRegExp keyPattern(QRegExp::escape(QString::fromUtf8(prefix)) + "([^/]+)");
-        for (const auto &property : m_byName) {
+        for (const auto &property : byName) {
             if (!keyPattern.exactMatch(QString::fromUtf8(property.first)))
                 continue;
             Tamarack::Attribute *propertyAttribute = cache.find(property.second->writeSymbol);

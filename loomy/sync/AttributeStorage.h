@@ -1,12 +1,14 @@
 #pragma once
 #include "loomy/loomy_export.h"
 
+#include "kestrel/SymbolTable.h"
+
 #include <QByteArray>
 #include <QReadWriteLock>
 
 #include <functional>
-#include <map>
-#include <unordered_map>
+#include <memory>
+#include <vector>
 
 namespace Loomy {
 class BundleReaderCore;
@@ -67,7 +69,8 @@ public:
     // Never null. Call only after findByName failed: a second record for one name replaces the
     // first in the name index, while the first keeps the symbol index.
     LoomySessionAttribute *create(const QByteArray &name);
-    // A symbol that already points to another record is reported and left as it is.
+    // A symbol that already points to another record is reported and left as it is. The record
+    // must be one of this storage's.
     void indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute);
 
     // Null on a miss, without a log line.
@@ -81,10 +84,18 @@ public:
     void debugDump() const;
 
 private:
-    mutable QReadWriteLock m_lock; // guards the three indexes, not the records' fields
-    std::unordered_map<unsigned int, LoomySessionAttribute *> m_byReadSymbol;
-    std::unordered_map<unsigned int, LoomySessionAttribute *> m_byWriteSymbol;
-    std::map<QByteArray, LoomySessionAttribute *> m_byName; // QByteArray's < is qstrcmp order
+    LoomySessionAttribute *allocate();
+
+    mutable QReadWriteLock m_lock; // guards the three indexes and the blocks, not the records' fields
+    Kestrel::SymbolTable<LoomySessionAttribute *> m_byReadSymbol;   // null: none
+    Kestrel::SymbolTable<LoomySessionAttribute *> m_byWriteSymbol;  // null: none
+    // The name index, keyed by the name's symbol in the node's registry, where create() puts
+    // every name, and which never forgets one.
+    Kestrel::SymbolTable<LoomySessionAttribute *> m_byName;         // null: none
+    // Every record made, in blocks that double in size up to a limit; records never move.
+    std::vector<std::unique_ptr<LoomySessionAttribute[]>> m_blocks;
+    std::size_t m_lastBlockSize = 0;
+    std::size_t m_lastBlockUsed = 0;
     RemoteNode &m_remoteNode;
 };
 

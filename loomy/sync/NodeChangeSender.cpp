@@ -11,13 +11,13 @@
 #include "kestrel/Mutex.h"
 #include "kestrel/ReadWriteLocker.h"
 #include "kestrel/SymbolRegistry.h"
+#include "kestrel/SymbolTable.h"
 #include "kestrel/Trace.h"
 
 #include <QByteArray>
 
 #include <atomic>
 #include <set>
-#include <unordered_set>
 #include <vector>
 
 namespace Loomy {
@@ -103,7 +103,7 @@ public:
     unsigned int m_removeMessageType = 0;
     unsigned int m_eventMessageType = 0;
 
-    std::unordered_set<unsigned int> m_sentSymbols;  // frame thread only; grows only
+    Kestrel::SymbolTable<char> m_sentSymbols;        // frame thread only; grows only
     // Filled and emptied on the frame thread, but consulted by every change on the thread that
     // makes it, so it has a leaf lock of its own. m_ignoredCount lets changes skip that lock
     // while nothing is ignored; the frame thread always sees its own entries.
@@ -190,7 +190,8 @@ void NodeChangeSender::D::sendSymbols(const std::vector<ChangeData> &changes,
     BundleWriter writer(bundle);
     Kestrel::SymbolRegistry &symbols = m_node.symbols();
     auto tell = [&](unsigned int symbol) {
-        if (m_sentSymbols.count(symbol))
+        const char *sent = m_sentSymbols.find(symbol);
+        if (sent && *sent)
             return;
         const QByteArray name = symbolName(symbols, symbol);
         if (name.isEmpty()) {
@@ -198,7 +199,7 @@ void NodeChangeSender::D::sendSymbols(const std::vector<ChangeData> &changes,
             return;
         }
         writeBlock(writer, symbol, name.constData(), unsigned(name.size()));
-        m_sentSymbols.insert(symbol);
+        m_sentSymbols.make(symbol) = 1;
     };
     for (const ChangeData &change : changes) {
         if (!m_storage.findByWriteSymbol(change.symbol)) {
@@ -400,12 +401,12 @@ void NodeChangeSender::sendInitialValues()
     // from the watcher's queue, flushed by the node update that precedes this walk, and once from
     // the walk. Announcing them twice would make the peer take its copy, made by the first
     // announcement, for one of its own (and so never remove it), so the walk skips them.
-    std::unordered_set<unsigned int> queued;
+    Kestrel::SymbolTable<char> queued;
     {
         Kestrel::MutexLocker locker(m_d->m_pendingMutex);
         for (const Event &event : m_d->m_pendingChanges)
             if (event.type == NodeWatcher::ATTRIBUTE_ADDED)
-                queued.insert(event.symbol);
+                queued.make(event.symbol) = 1;
     }
     Kestrel::SymbolRegistry &symbols = m_d->m_node.symbols();
     walkAttributesWithPath(m_d->m_node, [&](Tamarack::Attribute &, const QByteArray &path) {
@@ -414,7 +415,8 @@ void NodeChangeSender::sendInitialValues()
             Kestrel::ReadLocker locker(&symbols.lock());
             symbol = symbols.lookupUnlocked(path); // 0 if absent: never defined here
         }
-        if (queued.count(symbol) == 0)
+        const char *isQueued = queued.find(symbol);
+        if (!isQueued || !*isQueued)
             m_d->onAttributeChange(Event{NodeWatcher::ATTRIBUTE_ADDED, symbol});
     });
 }

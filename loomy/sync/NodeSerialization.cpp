@@ -19,7 +19,7 @@ QByteArray kidPath(const QByteArray &parent, const QByteArray &name)
 void walkAttributes(Tamarack::Node &node, const std::function<void(Tamarack::Attribute &)> &fn,
                     const std::function<bool(Tamarack::Attribute &)> &skip)
 {
-    for (const auto &entry : node.attributes()) {
+    for (const auto &entry : node.children()) {
         Tamarack::Attribute *target = followAliases(entry.second);
         if (!target)
             continue;
@@ -41,7 +41,7 @@ void walkAttributesWithPath(Tamarack::Node &node,
 void walkWithPathWorker(Tamarack::Node &node, const QByteArray &path,
                         const std::function<void(Tamarack::Attribute &, const QByteArray &)> &fn)
 {
-    for (const auto &entry : node.attributes()) {
+    for (const auto &entry : node.children()) {
         Tamarack::Attribute *target = followAliases(entry.second);
         if (!target)
             continue;

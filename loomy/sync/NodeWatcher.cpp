@@ -7,6 +7,7 @@
 #include "kestrel/Mutex.h"
 #include "kestrel/ReadWriteLocker.h"
 #include "kestrel/SymbolRegistry.h"
+#include "kestrel/SymbolTable.h"
 #include "kestrel/Trace.h"
 #include "tamarack/AttributeAlias.h"
 #include "tamarack/ListenerHolder.h"
@@ -39,7 +40,7 @@ const char *const s_emptyName = "NodeWatcher # Found an attribute with an empty 
 template <typename Fn>
 void forEachChild(Node &node, const QByteArray &path, Fn fn)
 {
-    for (const auto &entry : node.attributes()) {
+    for (const auto &entry : node.children()) {
         Attribute *child = entry.second;
         if (!child)
             continue;
@@ -149,12 +150,13 @@ struct AliasData
 
 } // namespace
 
-// Four leaf locks, never two at a time and never held across a listener or a call into Tamarack:
-// the queue's mutex, aliasMutex, ignoredMutex, listenersLock.
+// Five leaf locks, never two at a time and never held across a listener or a call into Tamarack:
+// the queue's mutex, aliasMutex, ignoredMutex, listenersLock, watchedMutex.
 class NodeWatcher::D
 {
 public:
     D(Kestrel::SymbolRegistry &symbols_, AttributeCache &cache_) : symbols(symbols_), cache(cache_) {}
+    ~D();
 
     unsigned int ensureCached(Attribute *attribute, const QByteArray &path);
     void setupNodeListeners(Node &node, const QByteArray &path);
@@ -165,6 +167,7 @@ public:
     void somethingAdded(Attribute &attribute, const QByteArray &path, unsigned int symbol, bool notify);
     void attributeAdded(Attribute &attribute, unsigned int symbol, bool notify);
     void setupAttributeListeners(Attribute &attribute, unsigned int symbol);
+    void removeAttributeListener(Attribute &attribute, unsigned int symbol);
     void nodeAdded(Node &node, const QByteArray &path, unsigned int symbol, bool notify);
     void aliasAdded(AttributeAlias &alias, const QByteArray &path, unsigned int symbol, bool notify);
     void onAliasChanged(AttributeAlias &alias, const QByteArray &path, unsigned int symbol, bool notify);
@@ -175,7 +178,7 @@ public:
 
     Kestrel::SymbolRegistry &symbols;   // not owned
     AttributeCache &cache;              // not owned
-    Tamarack::ListenerHolder holder;    // change listeners, and the root's deletion listener
+    Tamarack::ListenerHolder holder;    // aliases' change listeners, and the root's deletion listener
     Tamarack::Reference reference;      // receiver of the listeners on nodes' added/removed events
 
     Kestrel::Mutex aliasMutex;
@@ -207,7 +210,35 @@ public:
     }
 
     std::atomic<bool> watching{false};
+
+    // The change listener of each plain attribute, by the symbol it was filed under: one slot
+    // where the holder would keep a table, a deletion listener and a closure per attribute. No
+    // deletion listener is needed: every attribute here leaves through somethingRemoved (its
+    // host's removed listener, a removed node's walk, or the root's deletion) before it dies, and
+    // that empties its slot. A second attribute at a taken symbol goes to the holder.
+    struct Watched
+    {
+        Attribute *attribute = nullptr;
+        long listener = 0;              // 0 while the slot is being filled
+    };
+    Kestrel::Mutex watchedMutex;
+    Kestrel::SymbolTable<Watched> watched; // guarded by watchedMutex
 };
+
+// Listeners still on attributes of the tree go before anything they use.
+NodeWatcher::D::~D()
+{
+    std::vector<Watched> left;
+    {
+        Kestrel::MutexLocker locker(watchedMutex);
+        watched.forEach([&](unsigned int, const Watched &slot) {
+            if (slot.attribute && slot.listener)
+                left.push_back(slot);
+        });
+    }
+    for (const Watched &slot : left)
+        slot.attribute->removeListener(slot.listener);
+}
 
 unsigned int NodeWatcher::D::ensureCached(Attribute *attribute, const QByteArray &path)
 {
@@ -324,7 +355,44 @@ void NodeWatcher::D::attributeAdded(Attribute &attribute, unsigned int symbol, b
 
 void NodeWatcher::D::setupAttributeListeners(Attribute &attribute, unsigned int symbol)
 {
-    holder.add(&attribute, [this, symbol] { event(ATTRIBUTE_CHANGED, symbol); }, Attribute::CHANGE_ROLE);
+    std::function<void()> listener = [this, symbol] { event(ATTRIBUTE_CHANGED, symbol); };
+    {
+        Kestrel::MutexLocker locker(watchedMutex);
+        Watched &slot = watched.make(symbol);
+        if (slot.attribute) {
+            locker.unlock();
+            holder.add(&attribute, listener, Attribute::CHANGE_ROLE);
+            return;
+        }
+        slot.attribute = &attribute;
+    }
+    const long id = attribute.addListener(std::move(listener), Attribute::CHANGE_ROLE);
+    {
+        Kestrel::MutexLocker locker(watchedMutex);
+        Watched *slot = watched.find(symbol);
+        if (slot->attribute == &attribute && slot->listener == 0) {
+            slot->listener = id;
+            return;
+        }
+    }
+    // Removed on another thread meanwhile: the removal found no listener to take away.
+    attribute.removeListener(id);
+}
+
+// The attribute is leaving: alive, but perhaps already reduced to its base.
+void NodeWatcher::D::removeAttributeListener(Attribute &attribute, unsigned int symbol)
+{
+    long id = 0;
+    {
+        Kestrel::MutexLocker locker(watchedMutex);
+        Watched *slot = watched.find(symbol);
+        if (!slot || slot->attribute != &attribute)
+            return;
+        id = slot->listener;
+        *slot = Watched();
+    }
+    if (id)
+        attribute.removeListener(id);
 }
 
 // Children present now are classified right here, depth first, after their node; later ones come
@@ -425,6 +493,7 @@ void NodeWatcher::D::somethingRemoved(Attribute &attribute, const QByteArray &pa
     if (record)
         pending.finish(record);
     pending.forget(&attribute);
+    removeAttributeListener(attribute, symbol);
     holder.removeListeners(&attribute);
     cache.remove(symbol);
     Kestrel::MutexLocker locker(aliasMutex);

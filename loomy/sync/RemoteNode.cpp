@@ -23,11 +23,11 @@ const QByteArray s_destroyed = QByteArrayLiteral("destroyed");
 // Ids of sliced events, shared by every node of the process: any thread may slice.
 std::atomic<int> s_sliceId{0};
 
-// QRegExp keeps match state in the object, so each match runs on a copy of its own.
+// QRegExp keeps match state in the object: callers hold m_patternMutex, which guards the stored
+// expressions, so no two matches share that state.
 bool searches(const QRegExp &regExp, const QString &path)
 {
-    QRegExp copy(regExp);
-    return copy.indexIn(path) >= 0;
+    return regExp.indexIn(path) >= 0;
 }
 
 } // namespace
@@ -415,10 +415,10 @@ void RemoteNode::handleAttributeChange(const NodeWatcher::Event &event)
 // Regular expressions run here, at additions only, never on a change.
 void RemoteNode::checkForPendingListeners(unsigned int symbol)
 {
-    const QString path = QString::fromUtf8(m_symbols.name(symbol));
     Kestrel::MutexLocker locker(m_patternMutex);
     if (m_pendingListeners.empty())
         return;
+    const QString path = QString::fromUtf8(m_symbols.name(symbol));
     auto &listeners = m_attributeListeners[symbol];
     for (unsigned long id = 0; id < m_pendingListeners.size(); ++id) {
         if (listeners.count(id))

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <map>
+#include <random>
 #include <set>
 #include <thread>
 #include <vector>
@@ -64,4 +66,56 @@ TEST(SymbolRegistry, RacingDefinitionsGiveOneNumberPerName)
         EXPECT_EQ(distinct.count(0), 0u);
         EXPECT_EQ(registry.count(), size_t(names));
     }
+}
+
+// Against a plain pair of maps, with a fixed seed: many names, redefinitions under other numbers
+// (which drop entries from the middle of the name index), and numbers far beyond the allocated
+// ones that the growing table later covers.
+TEST(SymbolRegistry, StaysInverseThroughRandomDefinitions)
+{
+    SymbolRegistry registry;
+    std::map<QByteArray, unsigned> byName;
+    std::map<unsigned, QByteArray> bySymbol;
+    std::mt19937 random(13);
+    for (int step = 0; step < 20000; ++step) {
+        const QByteArray name = "n" + QByteArray::number(int(random() % 3000));
+        if (random() % 4 == 0) {
+            const unsigned symbol = random() % 2 ? 1 + random() % 4000 : 1 + random() % 0x7fffffffu;
+            if (byName.count(name))
+                bySymbol.erase(byName[name]);
+            if (bySymbol.count(symbol))
+                byName.erase(bySymbol[symbol]);
+            byName[name] = symbol;
+            bySymbol[symbol] = name;
+            registry.define(name, name, symbol);
+        } else {
+            const unsigned symbol = registry.lookupOrDefine(name);
+            ASSERT_NE(symbol, 0u);
+            if (byName.count(name)) {
+                ASSERT_EQ(symbol, byName[name]) << step;
+            } else {
+                ASSERT_EQ(bySymbol.count(symbol), 0u) << step;
+                byName[name] = symbol;
+                bySymbol[symbol] = name;
+            }
+        }
+    }
+    ASSERT_EQ(registry.count(), byName.size());
+    for (const auto &entry : byName) {
+        EXPECT_EQ(registry.lookup(entry.first), entry.second);
+        EXPECT_EQ(registry.name(entry.second), entry.first);
+    }
+    EXPECT_EQ(registry.lookup("absent"), 0u);
+}
+
+// Numbers that a peer chooses, each about twice the last, must not make the registry allocate
+// a table as large as the largest number.
+TEST(SymbolRegistry, FarNumbersStayCheap)
+{
+    SymbolRegistry registry;
+    unsigned symbol = 1000;
+    for (int i = 0; i < 21; ++i, symbol = 2 * symbol + 1000)
+        registry.define("far" + QByteArray::number(i), "far", symbol);
+    EXPECT_EQ(registry.name(symbol / 2 - 500), "far20");
+    EXPECT_EQ(registry.count(), 21u);
 }

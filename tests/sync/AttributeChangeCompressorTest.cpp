@@ -53,6 +53,7 @@ const CompressCase s_cases[] = {
     {"ChangeFoldsIntoAnEarlierAddition", {added(A), changed(B), changed(A)}, {addedOut(A, true), changedOut(B)}},
     {"RemovalTakesOnlyItsOwnAddition", {added(A), added(B), removed(A), changed(B)}, {addedOut(B, true)}},
     {"AdditionOfAnotherSymbolKeepsTheRemoval", {added(B), removed(A)}, {addedOut(B, false), removedOut(A)}},
+    {"FarSymbol", {added(0xfffffff0u), removed(A), changed(0xfffffff0u)}, {addedOut(0xfffffff0u, true), removedOut(A)}},
     {"NodeEventsPassInPlace",
      {{NodeWatcher::NODE_ADDED, B}, changed(A), {NodeWatcher::NODE_ADDED, B}, {NodeWatcher::NODE_REMOVED, B}},
      {{NodeWatcher::NODE_ADDED, B, false}, changedOut(A), {NodeWatcher::NODE_ADDED, B, false}, {NodeWatcher::NODE_REMOVED, B, false}}},
@@ -65,6 +66,18 @@ TEST_P(CompressTable, GivesTheShortestEquivalentList)
     Changes result{removedOut(C)}; // an old result is replaced
     compressor.compress(GetParam().events, result);
     EXPECT_EQ(result, GetParam().expected);
+}
+// What one call learns of a symbol must not leak into the next.
+TEST(CompressReuse, OneCompressorGivesEveryRowItsOwnResult)
+{
+    AttributeChangeCompressor compressor;
+    for (int pass = 0; pass < 2; ++pass) {
+        for (const CompressCase &c : s_cases) {
+            Changes result;
+            compressor.compress(c.events, result);
+            EXPECT_EQ(result, c.expected) << c.name;
+        }
+    }
 }
 INSTANTIATE_TEST_SUITE_P(Rows, CompressTable, ::testing::ValuesIn(s_cases), [](const auto &i) { return std::string(i.param.name); });
 

@@ -106,6 +106,10 @@ TEST(NodeChildren, StoredOrderSurvivesRemovalsAndLookupsStayExact)
     }
     EXPECT_EQ(list[50].first, QByteArray("0"));
     EXPECT_EQ(static_cast<IntAttr *>(root.attribute("0"))->value(), -1);
+    const auto vector = root.children(); // the same list, holes left out alike
+    ASSERT_EQ(vector.size(), 51u);
+    for (int i = 0; i < 51; ++i)
+        EXPECT_TRUE(vector[size_t(i)].first == list[i].first && vector[size_t(i)].second == list[i].second) << i;
 }
 
 TEST(NodeDeletion, NodeLeavesAsANodeThenDeleteListenersThenChildrenInOrder)

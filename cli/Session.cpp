@@ -280,6 +280,7 @@ void PeerConnection::connected()
     Loomy::BundleControllerParams params;
     params.createMissingAttributes = !m_session.options().noCreate;
     params.dropStaleChanges = m_session.options().dropStale;
+    params.authoritative = m_session.options().authoritative;
     params.connection = std::make_shared<CountingConnection>(
         std::make_shared<Loomy::Loomy1Connection>(weak_from_this()), m_session.shared());
     // The core may run a last batch after this connection is gone.

@@ -18,6 +18,7 @@ struct SessionOptions
     QStringList expects, expectAbsent, expectEvents, fetches;
     bool watch = false, json = false, dump = false, stats = false;
     bool noCreate = false, dropStale = false, stay = false;
+    bool authoritative = false;   // this side's values win at first contact
     double timeout = 10.0;
 };
 

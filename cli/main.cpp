@@ -93,11 +93,15 @@ int main(int argc, char **argv)
     const QCommandLineOption stats("stats", "Print the session's figures at the end.");
     const QCommandLineOption noCreate("no-create", "Don't create attributes the peer adds.");
     const QCommandLineOption dropStale("drop-stale", "Drop peer values older than a local change.");
+    const QCommandLineOption authoritative("authoritative",
+                                           "This side's values win at first contact (serve's default).");
+    const QCommandLineOption notAuthoritative("not-authoritative",
+                                              "The peer's values win at first contact (connect's default).");
     const QCommandLineOption timeout("timeout", "Seconds for the goals (10).", "S", "10");
     const QCommandLineOption stay("stay", "Keep running after the goals.");
     const QCommandLineOption fps("fps", "Frames per second (60).", "N", "60");
     parser.addOptions({tree, assets, set, remove, event, expect, expectAbsent, expectEvent, fetch, watch, dump,
-                       stats, noCreate, dropStale, timeout, stay, fps});
+                       stats, noCreate, dropStale, authoritative, notAuthoritative, timeout, stay, fps});
     if (command == "serve")
         parser.addOptions({bind, port});
     if (!parser.parse(args))
@@ -143,6 +147,11 @@ int main(int argc, char **argv)
     options.noCreate = parser.isSet(noCreate);
     options.dropStale = parser.isSet(dropStale);
     options.stay = parser.isSet(stay);
+    if (parser.isSet(authoritative) && parser.isSet(notAuthoritative))
+        return usageError("--authoritative and --not-authoritative exclude each other");
+    // The server holds the truth unless told otherwise, so a client that reconnects after a drop
+    // takes the server's values where both hold an attribute.
+    options.authoritative = parser.isSet(authoritative) || (options.serve && !parser.isSet(notAuthoritative));
 
     // Library lines go to stderr through Qt's logging; QT_LOGGING_RULES still has the last word.
     if (parser.isSet(verbose))

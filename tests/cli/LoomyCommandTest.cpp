@@ -253,6 +253,7 @@ TEST_F(LoomyCommand, BadArgumentsGiveStatusTwoAndOneLine)
         {"connect", "h", "--timeout", "0"},
         {"connect", "h", "--tree", "/nonexistent/tree.json"},
         {"tap", "--listen", "0"},
+        {"connect", "h", "--authoritative", "--not-authoritative"},
     };
     for (const QStringList &args : rows) {
         auto loomy = run(args);
@@ -260,6 +261,40 @@ TEST_F(LoomyCommand, BadArgumentsGiveStatusTwoAndOneLine)
         const QStringList err = loomy->err().split('\n', Qt::SkipEmptyParts);
         ASSERT_EQ(err.size(), 1) << qPrintable(args.join(' ') + ": " + loomy->err());
         EXPECT_TRUE(err[0].startsWith("loomy: ")) << qPrintable(err[0]);
+    }
+}
+
+// Both trees hold the attribute with different values, as after a reconnection: the authoritative
+// side's value ends on both sides. The server is authoritative by default; each side can turn it.
+TEST_F(LoomyCommand, AuthoritativeSideWinsAtFirstContact)
+{
+    const auto tree = [this](const char *name, int frame) {
+        const QString path = m_home.filePath(name);
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QString(R"({"scene": {"frame": %1}})").arg(frame).toUtf8());
+        return path;
+    };
+    const QString serverTree = tree("server.json", 1), clientTree = tree("client.json", 2);
+    for (const bool serverWins : {true, false}) {
+        SCOPED_TRACE(serverWins ? "server authoritative" : "client authoritative");
+        const QString winner = serverWins ? "scene/frame=double:1" : "scene/frame=double:2";
+        int port = 0;
+        auto server = serve(serverWins ? QStringList{"--tree", serverTree, "--dump"}
+                                       : QStringList{"--tree", serverTree, "--not-authoritative", "--dump",
+                                                     "--expect", "scene/frame=2"},
+                            port);
+        auto client = run(QStringList{"connect", at(port), "--tree", clientTree, "--dump"}
+                          + (serverWins ? QStringList{"--expect", "scene/frame=1"} : QStringList{"--authoritative"}));
+        if (serverWins) {
+            EXPECT_EQ(client->finish(), 0) << qPrintable(client->err());
+            EXPECT_EQ(server->terminate(), 0) << qPrintable(server->err());
+        } else {
+            EXPECT_EQ(server->finish(), 0) << qPrintable(server->err());
+            EXPECT_EQ(client->finish(), 0) << qPrintable(client->err());
+        }
+        EXPECT_EQ(lines(server->out(), "scene/"), QStringList{winner}) << qPrintable(server->err());
+        EXPECT_EQ(lines(client->out(), "scene/"), QStringList{winner}) << qPrintable(client->err());
     }
 }
 

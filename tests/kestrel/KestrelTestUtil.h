@@ -9,9 +9,10 @@
 // How long a threaded test waits for what should happen at once: reached only when it fails.
 const auto s_patience = std::chrono::seconds(10);
 
-inline bool eventually(const std::function<bool()> &condition)
+inline bool eventually(const std::function<bool()> &condition,
+                       std::chrono::steady_clock::duration patience = s_patience)
 {
-    for (const auto deadline = std::chrono::steady_clock::now() + s_patience; !condition();) {
+    for (const auto deadline = std::chrono::steady_clock::now() + patience; !condition();) {
         if (std::chrono::steady_clock::now() > deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));

@@ -32,12 +32,19 @@ void AttributeRemoveReceiver::handleBundle(BundleReader &reader)
             continue;
         }
 
+        // The peer's names are checked where they come in; this guards the one deletion a peer
+        // can cause against a record that names this node (the empty path) or what holds it.
+        if (isNodeOrAbove(attribute, m_node)) {
+            Kestrel::Trace::error("AttributeRemoveHandler::handleBundle # Refused to remove the synchronised node or "
+                                  "a node above it (symbol %u)",
+                                  symbol);
+            continue;
+        }
+
         // Only what was made for the peer goes; an attribute of our own stays in the tree.
         if (!record->localOrigin) {
-            const NodeWatcher::Event echo{NodeWatcher::ATTRIBUTE_REMOVED, record->writeSymbol};
-            m_sender.ignoreOne(echo);
+            const NodeChangeSender::IgnoreGuard echo(m_sender, {NodeWatcher::ATTRIBUTE_REMOVED, record->writeSymbol});
             delete attribute;
-            m_sender.stopIgnoring(echo);
         }
 
         // readSymbol, readSize and the index stay: a later AttributeNew of the symbol finds this

@@ -33,12 +33,8 @@ void AttributeUpdateReceiver::handleBundle(BundleReader &reader)
         // unsigned comparison): the peer wrote it before it had seen our value, and ours stands.
         // Both sides apply the rule, so two values that cross are both dropped.
         if (!m_dropStaleChanges || ackBundleId >= record->lastSentId) {
-            // A deserialiser that throws leaves the entry behind; the attribute's next local
-            // change is then swallowed once.
-            const NodeWatcher::Event echo{NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol};
-            m_sender.ignoreOne(echo);
+            const NodeChangeSender::IgnoreGuard echo(m_sender, {NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol});
             record->deserializer(reader);
-            m_sender.stopIgnoring(echo);
         } else if (record->readSize != 0) {
             LoomySessionAttribute::createDummyDeserializer(record->readSize)(reader);
         } else {

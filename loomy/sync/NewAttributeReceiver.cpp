@@ -4,11 +4,14 @@
 #include "loomy/sync/AttributeStorage.h"
 #include "loomy/sync/NodeChangeSender.h"
 #include "loomy/sync/RemoteNode.h"
+#include "loomy/types/AliasDeserializer.h"
 #include "loomy/types/TypeRegistry.h"
 #include "kestrel/SymbolRegistry.h"
 #include "kestrel/Trace.h"
 #include "tamarack/AttributeAlias.h"
 #include "tamarack/Node.h"
+
+#include <memory>
 
 namespace Loomy {
 
@@ -19,6 +22,26 @@ namespace {
 void skipValue(BundleReaderCore &reader, unsigned int size)
 {
     LoomySessionAttribute::createDummyDeserializer(size)(reader);
+}
+
+// A path from the peer that must not be used: an empty component (so also the empty path, and a
+// leading, trailing or doubled "/"), or a step that, aliases followed, lands on the synchronised
+// node or a node above it. Walks the tree as it stands; where it ends, whatever the path would
+// make is new, below the node.
+bool refusedPath(const QList<QByteArray> &pieces, Tamarack::Node &root)
+{
+    for (const QByteArray &piece : pieces)
+        if (piece.isEmpty())
+            return true;
+    Tamarack::Attribute *current = &root;
+    for (const QByteArray &piece : pieces) {
+        current = followAliases(current->attribute(piece));
+        if (!current)
+            return false;
+        if (isNodeOrAbove(current, root))
+            return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -54,6 +77,18 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
             continue;
         }
 
+        QList<QByteArray> path = name.split('/');
+        // Checked before the name reaches the storage: a refused path gets no record, so the
+        // peer's later updates of the symbol are unknown, and its removals find nothing.
+        if (refusedPath(path, m_node)) {
+            Kestrel::Trace::error("NewAttributeReceiver::handleBundle # Refused path '%s' at message index %u: an "
+                                  "empty component, or the synchronised node or a node above it",
+                                  name.constData(), index);
+            if (flags & 1u)
+                skipValue(reader, size);
+            continue;
+        }
+
         LoomySessionAttribute *record = m_storage.findByReadSymbol(symbol);
         if (!record)
             record = m_storage.findByName(name);
@@ -66,6 +101,10 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
         record->readType = typeId;
         record->readSize = size;
         record->removedByPeer = false;
+        // Until a value has been read into what the tree holds, the record steps over values: a
+        // read below that throws leaves no deserialiser bound to an attribute that never reached
+        // the tree, nor an empty one that would fail the peer's next update bundle.
+        record->deserializer = LoomySessionAttribute::createDummyDeserializer(size);
 
         bool hasValue = (flags & 1u) != 0;
         // The peer wrote this value before it had seen our latest one: ours stands.
@@ -74,7 +113,6 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
             hasValue = false;
         }
 
-        QList<QByteArray> path = name.split('/');
         const QByteArray attributeName = path.takeLast();
         Tamarack::Node *node = createOrFindNode(path);
         if (!node) {
@@ -84,7 +122,6 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
                                       name.constData());
             if (hasValue)
                 skipValue(reader, size);
-            record->deserializer = LoomySessionAttribute::createDummyDeserializer(size);
             continue;
         }
 
@@ -101,48 +138,43 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
             if (record->serializer)
                 m_sender.queueChange(record->writeSymbol);
         }
-        std::function<void(BundleReaderCore &)> deserializer;
 
         if (attribute) {
-            deserializer = createDeserializer(*record, attribute, size);
+            record->deserializer = createDeserializer(*record, attribute, size);
             if (hasValue) {
-                // A deserialiser that throws leaves the entry behind; the attribute's next local
-                // change is then swallowed once.
-                const NodeWatcher::Event echo{NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol};
-                m_sender.ignoreOne(echo);
+                const NodeChangeSender::IgnoreGuard echo(m_sender, {NodeWatcher::ATTRIBUTE_CHANGED, record->writeSymbol});
                 record->lastReceivedId = reader.bundleId();
-                deserializer(reader);
-                m_sender.stopIgnoring(echo);
+                record->deserializer(reader);
             }
         } else if (m_createMissingAttributes && ((flags & 1u) != 0 || !record->resendValue)) {
             // Not for an answer without a value to an announcement of ours that a local removal
             // has withdrawn since: that removal is on its way and takes the peer's copy, and
             // making the attribute here would bring back what this side removed.
-            attribute = createAttribute(typeId);
-            if (attribute) {
-                deserializer = createDeserializer(*record, attribute, size);
+            // Owned here until the tree takes it: a value that fails to read frees it.
+            std::unique_ptr<Tamarack::Attribute> made(createAttribute(typeId));
+            std::function<void(BundleReaderCore &)> deserializer;
+            if (made) {
+                deserializer = createDeserializer(*record, made.get(), size);
                 if (hasValue) {
                     // Not in the tree yet, so nothing can echo.
                     record->lastReceivedId = reader.bundleId();
                     deserializer(reader);
-                    attribute->setAsDefaults();
+                    made->setAsDefaults();
                 }
             }
             // For an unknown type id a null attribute goes in (and is refused), and the announced
             // value is not stepped over: the next record is read from the value's first byte.
-            if (!node->addAttribute(attributeName, attribute) && attribute) {
-                // Refused: another thread took the name since the lookup. The attribute would stay
-                // free, with nothing to reach it but the deserialiser.
-                delete attribute;
-                deserializer = nullptr;
+            // A refusal of a real one means another thread took the name since the lookup; it is
+            // then freed, and the record keeps stepping over values.
+            if (node->addAttribute(attributeName, made.get())) {
+                made.release();
+                record->deserializer = std::move(deserializer);
             }
             // The watcher reports the addition now; the sender answers it with this side's symbol.
             m_node.processPendingAdditions();
         } else if (hasValue) {
             skipValue(reader, size);
         }
-
-        record->deserializer = deserializer ? deserializer : LoomySessionAttribute::createDummyDeserializer(size);
     }
 }
 

@@ -58,6 +58,24 @@ public:
     // that its present value goes in the next update. Frame thread.
     void queueChange(unsigned int symbol);
 
+    // The bracket as a scope: ignoreOne at construction, stopIgnoring at destruction, so that a
+    // deserialiser that throws between the two leaves no entry behind to swallow a later change.
+    class IgnoreGuard
+    {
+    public:
+        IgnoreGuard(NodeChangeSender &sender, const NodeWatcher::Event &event) : m_sender(sender), m_event(event)
+        {
+            m_sender.ignoreOne(m_event);
+        }
+        ~IgnoreGuard() { m_sender.stopIgnoring(m_event); }
+        IgnoreGuard(const IgnoreGuard &) = delete;
+        IgnoreGuard &operator=(const IgnoreGuard &) = delete;
+
+    private:
+        NodeChangeSender &m_sender;
+        const NodeWatcher::Event m_event;
+    };
+
 private:
     class D;
     std::unique_ptr<D> m_d;

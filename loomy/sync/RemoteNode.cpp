@@ -269,10 +269,8 @@ void RemoteNode::handleRemoteEvent(const QByteArray &name, Kestrel::BinaryData &
         // A begin for an id in progress is dropped; the earlier record stays.
         if (m_slicedEvents.count(key))
             return;
-        SlicedEvent sliced{eventName, sliceSize, totalSize, {}, QByteArray(std::max(totalSize, 0), '\0')};
-        for (qint64 index = 0; index * sliceSize < totalSize; ++index)
-            sliced.missing.insert(static_cast<int>(index));
-        m_slicedEvents.emplace(key, std::move(sliced));
+        // Nothing is allocated for the announced sizes: storage grows as slices arrive.
+        m_slicedEvents.emplace(key, SlicedEvent{eventName, sliceSize, totalSize, QByteArray(), {}});
     } else if (name == s_slice) {
         handleSlice(source, data);
     } else if (name == s_initialized) {
@@ -324,19 +322,43 @@ void RemoteNode::handleSlice(long source, Kestrel::BinaryData &data)
         return;
     }
     const int length = static_cast<int>(std::min<qint64>(sliced.sliceSize, sliced.totalSize - offset));
-    // Straight into place; a slice that fails to read stays missing.
-    if (!data.readBlob(sliced.data.data() + offset, length))
+    // A slice whose bytes aren't all in the event can't be read: no room is made for it.
+    if (qint64(length) > qint64(data.total()) - qint64(data.pos()))
         return;
-    sliced.missing.erase(index);
-    if (!sliced.missing.empty())
+    // From here on a slice that fails to read stays missing, and what was there stays as it was.
+    const int inPlace = sliced.data.size() / sliced.sliceSize; // slices held in data
+    if (index < inPlace) {
+        data.readBlob(sliced.data.data() + offset, length); // a repeat overwrites its place
+        return;
+    }
+    if (index > inPlace) {
+        QByteArray bytes(length, Qt::Uninitialized);
+        if (data.readBlob(bytes.data(), length))
+            sliced.ahead[index] = bytes;
+        return;
+    }
+    sliced.data.resize(int(offset) + length);
+    if (!data.readBlob(sliced.data.data() + offset, length)) {
+        sliced.data.resize(int(offset));
+        return;
+    }
+    // The gap is closed: the slices kept behind it move into place, up to the next gap.
+    for (auto next = sliced.ahead.begin();
+         next != sliced.ahead.end() && next->first == sliced.data.size() / sliced.sliceSize;
+         next = sliced.ahead.erase(next))
+        sliced.data.append(next->second);
+    if (sliced.data.size() < sliced.totalSize)
         return;
 
+    // Out of the table before the dispatch, so that a listener that throws leaves nothing behind.
+    const QByteArray name = sliced.name;
+    QByteArray bytes = std::move(sliced.data);
+    m_slicedEvents.erase(it);
     // Dispatched without a further copy: the listeners must not keep the data beyond the call.
     Kestrel::BinaryData whole;
-    whole.linkTo(sliced.data.data(), sliced.data.size());
-    whole.setTotal(sliced.data.size());
-    dispatchRemoteEvent(sliced.name, whole);
-    m_slicedEvents.erase(key);
+    whole.linkTo(bytes.data(), bytes.size());
+    whole.setTotal(bytes.size());
+    dispatchRemoteEvent(name, whole);
 }
 
 void RemoteNode::insertEvent(const QByteArray &name, Kestrel::BinaryData &data)
@@ -449,6 +471,14 @@ Tamarack::Node *findOrCreateNode(QList<QByteArray> path, Tamarack::Node *node,
         return nullptr;
     }
     return findOrCreateNode(path, next, created, prefix);
+}
+
+bool isNodeOrAbove(const Tamarack::Attribute *attribute, const Tamarack::Node &node)
+{
+    for (const Tamarack::Attribute *current = &node; current; current = current->host())
+        if (current == attribute)
+            return true;
+    return false;
 }
 
 } // namespace Loomy

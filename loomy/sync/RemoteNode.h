@@ -53,14 +53,15 @@ public:
         Kestrel::BinaryData data; // deep copy of the payload, rewound
     };
 
-    // A sliced event being put together from its slices.
+    // A sliced event being put together from its slices. It holds what has arrived and nothing
+    // that was only announced: the sizes are the peer's word until the bytes are there.
     struct SlicedEvent
     {
         QByteArray name;
         int sliceSize;           // bytes in each slice but the last
         int totalSize;           // bytes of the whole payload
-        std::set<int> missing;   // indices not yet received
-        QByteArray data;         // full size from the begin event on, zero filled
+        QByteArray data;         // the slices from index 0 up to the first one missing, in place
+        std::map<int, QByteArray> ahead; // slices received behind that gap, by index
     };
 
     struct PendingAttributeListener
@@ -187,5 +188,9 @@ private:
 LOOMY_EXPORT Tamarack::Node *findOrCreateNode(QList<QByteArray> path, Tamarack::Node *node,
                                               QMap<QByteArray, Tamarack::Node *> *created,
                                               QByteArray prefix = QByteArray());
+
+// True when attribute is node itself or one of the nodes that hold it, up to the root: what a
+// peer must never remove, replace or reach through a path.
+LOOMY_EXPORT bool isNodeOrAbove(const Tamarack::Attribute *attribute, const Tamarack::Node &node);
 
 } // namespace Loomy

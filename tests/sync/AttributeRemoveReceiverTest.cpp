@@ -61,4 +61,26 @@ TEST_F(AttributeRemoveReceiverTest, UnknownSymbolOrGoneAttributeCostsOneRecord)
                                           "AttributeRemoveHandler::handleBundle # Attribute 70 already removed"}));
 }
 
+// The peer names the empty path, this node, announces it and removes it: the announcement is
+// refused, so the removal finds nothing, and the node and the records after it stay. A record that
+// points at the node all the same (made here by hand) is refused by the removal itself.
+TEST_F(AttributeRemoveReceiverTest, PeerCannotRemoveTheSynchronisedNode)
+{
+    peerSymbol(72, "");
+    feed(newReceiver, Body() << 72u << 3u << 4u << 1u << 5.f, NewType, 5);
+    feed(receiver, Body() << 72u << 70u, RemoveType);
+    Loomy::LoomySessionAttribute *forged = storage.create("");
+    forged->localOrigin = false;
+    storage.indexByReadSymbol(74, forged);
+    feed(receiver, Body() << 74u << 71u, RemoveType);
+    EXPECT_EQ(app.attribute("remote"), &node);
+    EXPECT_EQ(at(node, "made"), nullptr);
+    EXPECT_TRUE(storage.findByReadSymbol(70)->removedByPeer);
+    EXPECT_EQ(trace.lines(), (QStringList{"NewAttributeReceiver::handleBundle # Refused path '' at message index 0: an empty "
+                                          "component, or the synchronised node or a node above it",
+                                          "AttributeRemoveHandler::handleBundle # Failed to find attribute with symbol 72",
+                                          "AttributeRemoveHandler::handleBundle # Refused to remove the synchronised node or a "
+                                          "node above it (symbol 74)"}));
+}
+
 } // namespace

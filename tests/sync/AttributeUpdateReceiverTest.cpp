@@ -3,6 +3,8 @@
 #include "loomy/sync/AttributeUpdateReceiver.h"
 #include "loomy/sync/NewAttributeReceiver.h"
 
+#include <stdexcept>
+
 using Loomy::LoomySessionAttribute;
 
 namespace {
@@ -48,6 +50,18 @@ TEST_F(AttributeUpdateReceiverTest, ValuesAreAppliedInOrderWithoutEcho)
     EXPECT_EQ(x->value(), 2.f);
     EXPECT_EQ(s->value(), "new text");
     EXPECT_EQ(trace.lines(), QStringList{"AttributeUpdateHandler::handleBundle # BUG: unknown attribute with symbol 99"});
+}
+
+// A value cut short throws out of the bundle; the echo guard is closed all the same, so this side's
+// next change of the attribute goes out.
+TEST_F(AttributeUpdateReceiverTest, ValueCutShortLeavesNoIgnoreEntry)
+{
+    EXPECT_THROW(apply(Body().raw((Body() << 70u << 2.f).bytes().left(6))), std::out_of_range);
+    x->setValue(5.f);
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
+    EXPECT_THROW(apply(Body() << 71u << 8u << 0u), std::out_of_range);
+    s->setValue("local");
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
 }
 
 class AttributeUpdateStaleValue : public AttributeUpdateReceiverTest, public ::testing::WithParamInterface<StaleCase> {};

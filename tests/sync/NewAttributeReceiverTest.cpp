@@ -3,6 +3,8 @@
 #include "loomy/sync/NewAttributeReceiver.h"
 #include "tamarack/AttributeAlias.h"
 
+#include <malloc.h>
+
 #include <stdexcept>
 
 using Loomy::LoomySessionAttribute;
@@ -98,6 +100,64 @@ TEST_F(NewAttributeReceiverTest, UnknownSymbolAndTruncatedValue)
                                           "NewAttributeReceiver::handleBundle # Unknown symbol 98 at message index 2. Will ignore the bundle"}));
     EXPECT_EQ(storage.findByReadSymbol(99), nullptr);
     EXPECT_THROW(apply(floatRecord(Body(), 70, 1, 3.f) << 72u << 35u << 0u << 1u << 100u), std::out_of_range);
+    EXPECT_EQ(x->value(), 3.f);
+}
+
+// A path from the peer with an empty component, or one that reaches this node or a node above it
+// (through aliases), is refused with one line: no record, value skipped, the bundle goes on.
+TEST_F(NewAttributeReceiverTest, PathsWithAnEmptyComponentOrOnTheNodeOrAboveAreRefused)
+{
+    receiver.setCreateMissingAttributes(true);
+    const auto before = node.attributes(), appBefore = app.attributes();
+    const auto expectRefused = [&](const QByteArray &path) {
+        SCOPED_TRACE(path.constData());
+        trace.clear();
+        recvSymbols.define(path, path, 73);
+        apply(floatRecord(floatRecord(Body(), 73, 1, 5.f), 71, 1, 6.f));
+        EXPECT_EQ(y->value(), 6.f);
+        EXPECT_EQ(trace.lines(), QStringList{"NewAttributeReceiver::handleBundle # Refused path '" + path +
+                                             "' at message index 0: an empty component, or the synchronised node or a node above it"});
+        EXPECT_EQ(storage.findByReadSymbol(73), nullptr);
+        EXPECT_EQ(app.attributes(), appBefore);
+        y->setValue(1.f);
+    };
+    for (const QByteArray path : {"/x", "x/", "a//b", ""})
+        expectRefused(path);
+    EXPECT_EQ(node.attributes(), before);
+    if (HasFailure())
+        return; // with an empty name in the tree the aliases below make the watcher loop
+    new Tamarack::AttributeAlias(&node, "self", &node);
+    new Tamarack::AttributeAlias(&node, "up", &app);
+    for (const QByteArray path : {"self", "up", "up/remote", "up/remote/x", "self/x"})
+        expectRefused(path);
+    EXPECT_EQ(node.attributes().size(), before.size() + 2);
+}
+
+// A value cut short: for a missing attribute, the attribute made for it is freed (repeated, the
+// process doesn't grow), nothing enters the tree, and the record steps over the peer's next values;
+// for an attribute here, the echo guard is closed again and the record reads the next value.
+TEST_F(NewAttributeReceiverTest, ValueCutShortLeavesNoAttributeNoIgnoreEntryAndAWorkingRecord)
+{
+    receiver.setCreateMissingAttributes(true);
+    peerSymbol(73, "made");
+    started();
+    const Body cutMade = Body() << 73u << 35u << 0u << 1u << 8u << 0u;
+    const auto grown = [&] {
+        const std::size_t start = mallinfo2().uordblks;
+        for (int i = 0; i < 2000; ++i)
+            EXPECT_THROW(apply(cutMade), std::out_of_range);
+        return mallinfo2().uordblks - start;
+    };
+    grown(); // the record and the node's bookkeeping are made once
+    EXPECT_LT(grown(), 64u * 1024u); // a leaked attribute each time would be well above
+    EXPECT_EQ(at(node, "made"), nullptr);
+    EXPECT_EQ(skipped(*storage.findByReadSymbol(73), Body().block("abc").bytes() + "tail"), 8u);
+    EXPECT_TRUE(collect().empty());
+    const Body cutX = floatRecord(Body(), 70, 1, 2.f);
+    EXPECT_THROW(apply(Body().raw(cutX.bytes().left(cutX.bytes().size() - 2))), std::out_of_range);
+    x->setValue(4.f);
+    EXPECT_EQ(typesOf(collect()), Types{UpdateType});
+    EXPECT_EQ(skipped(*storage.findByReadSymbol(70), (Body() << 3.f).bytes()), 4u);
     EXPECT_EQ(x->value(), 3.f);
 }
 

@@ -1,5 +1,9 @@
 #include "SyncTestUtil.h"
 
+#include <sys/resource.h>
+
+#include <stdexcept>
+
 using Kestrel::BinaryData;
 using Loomy::RemoteNode;
 
@@ -105,6 +109,9 @@ const ReceiveCase s_receiving[] = {
      {"e abcdefgh"}, {"RemoteNode::handleSlicedEvent # Bad slice (idx 2)", "RemoteNode::handleSlicedEvent # Bad slice (idx -1)"}},
     {"SliceOfTheWrongLengthStaysMissingWithoutAReport",
      {{'B', 0, 4, 4, "e", 6}, {'S', 0, 4, 1, "efg"}, {'S', 0, 4, 0, "abcd"}, {'S', 0, 4, 1, "ef"}}, {"e abcdef"}, {}},
+    // In order, a repeat overwriting its place, one held behind the gap, the gap closed.
+    {"RepeatedAndEarlySlicesLandInPlace",
+     {{'B', 0, 7, 2, "e", 6}, {'S', 0, 7, 0, "ab"}, {'S', 0, 7, 0, "xy"}, {'S', 0, 7, 2, "ef"}, {'S', 0, 7, 1, "cd"}}, {"e xycdef"}, {}},
     {"BeginWithSliceSizeZeroIsDropped", {{'B', 0, 6, 0, "e", 10}, {'S', 0, 6, 0, "ab"}}, {},
      {"RemoteNode::handleSlicedEvent # Bad slice size 0", s_unknown.arg(6)}},
 };
@@ -120,5 +127,37 @@ TEST_P(Receiving, DispatchesAndLogsExactly)
     EXPECT_EQ(trace.lines(), GetParam().log);
 }
 INSTANTIATE_TEST_SUITE_P(Slices, Receiving, ::testing::ValuesIn(s_receiving), [](const auto &i) { return std::string(i.param.name); });
+
+// What the peer only announces costs nothing: 20 million one-byte slices, none sent, leave the
+// process's peak memory where it was (a record per slice would take a gigabyte). Once the
+// slices come, the event arrives whole.
+TEST_F(RemoteEventsTest, AnnouncedSizeIsNotPaidBeforeItsBytesArrive)
+{
+    const auto peakKiB = [] { rusage usage{}; getrusage(RUSAGE_SELF, &usage); return usage.ru_maxrss; };
+    const long before = peakKiB();
+    receive("event-slice-begin", build({'B', 0, 9, 1, "huge", 20000000}));
+    EXPECT_LT(peakKiB() - before, 32 * 1024);
+    receive("event-slice-begin", build({'B', 0, 10, 1, "small", 2}));
+    receive("event-slice", build({'S', 0, 10, 1, "b"}));
+    receive("event-slice", build({'S', 0, 10, 0, "a"}));
+    EXPECT_EQ(receiver.processed, QStringList{"small remote 6162"});
+    EXPECT_TRUE(trace.lines().isEmpty());
+}
+
+// A dispatch that throws on the reassembled event leaves no record behind.
+TEST_F(RemoteEventsTest, ThrowingDispatchLeavesNoRecord)
+{
+    struct ThrowingNode : RemoteNode
+    {
+        using RemoteNode::RemoteNode;
+        void eventProcess(const QByteArray &, BinaryData &) override { throw std::runtime_error("listener"); }
+    } throwing{nullptr, "throwing"};
+    BinaryData begin = build({'B', 0, 11, 2, "e", 2}), slice = build({'S', 0, 11, 0, "ab"});
+    throwing.handleRemoteEvent("event-slice-begin", begin, 0);
+    EXPECT_THROW(throwing.handleRemoteEvent("event-slice", slice, 0), std::runtime_error);
+    slice.rewind();
+    throwing.handleRemoteEvent("event-slice", slice, 0);
+    EXPECT_EQ(trace.lines(), QStringList{s_unknown.arg(11)});
+}
 
 } // namespace

@@ -172,7 +172,8 @@ TEST(Loomy2Reads, NegativeCountOnALiveConnectionEndsOnlyThatConnection)
     loginAsClient(hostile);
     loginAsClient(other);
     hostile.send("loomy2 -1\nafter\n");
-    EXPECT_EQ(hostile.line(), "ping initialized");
+    for (QByteArray seen; !(seen = hostile.line()).isEmpty();)   // the ping may or may not leave first
+        EXPECT_EQ(seen, "ping initialized");
     EXPECT_TRUE(hostile.atEnd());
     ASSERT_TRUE(eventually([&] { return a->hooks().contains("disconnected"); }));
     EXPECT_EQ(trace.lines(Level::Error),

@@ -368,6 +368,31 @@ TEST(ConnectionTiming, RetryAfterPeriodKeepAliveAndTimeout)
     EXPECT_EQ(threadsNamed("LoomyWriter"), 0);
 }
 
+// A peer that answers pings once and then stops reading: the writer used to block in its write
+// for ever while the queue grew. Now the stalled write ends the connection at the ping time-out,
+// and the queue goes with the object.
+TEST(ConnectionTiming, APeerThatStopsReadingIsCutAtThePingTimeout)
+{
+    TraceCapture trace;
+    SocketPair sockets;
+    RawPeer peer(sockets.connecting);
+    const QByteArray block(1 << 20, 'x');
+    {
+        auto connection = std::make_shared<RecordingConnection>(sockets.accepted, true);
+        connection->setPingTimeout(1.0);
+        connection->run();
+        loginAsClient(peer);
+        peer.send("pong\n");
+        ASSERT_TRUE(eventually([&] { return connection->pingActive(); }));
+        for (int i = 0; i < 64; ++i)   // far more than the sockets' buffers take
+            connection->writeBufferData(block, QByteArray());
+        ASSERT_TRUE(eventually([&] { return connection->hooks().contains("disconnected"); }));
+        EXPECT_GT(connection->bufferedDataSize(), 32LL << 20);
+        EXPECT_EQ(trace.count(":5000: Ping timeout, disconnecting"), 1);
+    }
+    EXPECT_TRUE(block.isDetached());
+}
+
 TEST(ConnectionTiming, ConnectToHostMovesTheRunningThread)
 {
     Kestrel::TCPServerSocket first, second;

@@ -58,6 +58,7 @@ public:
     SocketDescriptor descriptor;
     std::atomic<unsigned long long> rx{0};
     std::atomic<unsigned long long> tx{0};
+    std::atomic<int> writeTimeoutMs{0};
 };
 
 TCPSocket::TCPSocket()
@@ -160,20 +161,32 @@ int TCPSocket::write(const void *buffer, int bytes)
         return 0;
     const char *in = static_cast<const char *>(buffer);
     int done = 0;
+    const int timeoutMs = m_d->writeTimeoutMs.load();
     while (done < bytes) {
         // MSG_NOSIGNAL: a vanished peer is a short count, not a SIGPIPE for the whole process.
-        const ssize_t n = ::send(fd, in + done, size_t(bytes - done), MSG_NOSIGNAL);
+        // With a time-out the send doesn't block; the wait for room is the poll below.
+        const ssize_t n = ::send(fd, in + done, size_t(bytes - done), MSG_NOSIGNAL | (timeoutMs > 0 ? MSG_DONTWAIT : 0));
         if (n > 0) {
             done += int(n);
             m_d->tx += (unsigned long long)n;
         } else if (n < 0 && errno == EINTR) {
             continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && timeoutMs > 0) {
+            // close() shuts the socket down, which ends the poll at once.
+            pollfd p{fd, POLLOUT, 0};
+            if (::poll(&p, 1, timeoutMs) <= 0 || m_d->descriptor.isClosing())
+                break;
         } else {
             break;
         }
     }
     m_d->descriptor.release();
     return done;
+}
+
+void TCPSocket::setWriteTimeout(int milliseconds)
+{
+    m_d->writeTimeoutMs = std::max(0, milliseconds);
 }
 
 void TCPSocket::close()

@@ -36,7 +36,10 @@ public:
     int read(void *buffer, int bytes, Flags flags);
     virtual int read(void *buffer, int bytes, bool waitAll) { return read(buffer, bytes, waitAll ? WaitAll : NoFlags); }
     // Blocks until all bytes are written or the connection failed; returns the count written.
+    // With a write time-out, also returns short once no byte could be written for that long.
     virtual int write(const void *buffer, int bytes);
+    // Milliseconds a write may wait without progress; 0 (the default) waits for ever. Any thread.
+    void setWriteTimeout(int milliseconds);
     virtual void close();
 
     bool isOpen() const;       // connected and not closed

@@ -51,13 +51,22 @@ bool processLoomy2(std::shared_ptr<BundleController> controller, ConnectionThrea
     if (!ok)
         return false;
     // A negative count becomes a size no vector can have: std::length_error, let through.
-    std::vector<Bundle> bundles(static_cast<std::size_t>(count));
-    for (Bundle &bundle : bundles) {
+    if (count < 0)
+        (void)std::vector<Bundle>(static_cast<std::size_t>(count));
+    // Grown as headers arrive, so that a count alone makes no allocation.
+    std::vector<Bundle> bundles;
+    bundles.reserve(std::size_t(qMin(count, 1024)));
+    for (int i = 0; i < count; ++i) {
+        bundles.emplace_back();
+        Bundle &bundle = bundles.back();
         if (!connection.readData(reinterpret_cast<unsigned char *>(bundle.data().data()), int(Bundle::headerSize))) {
             Kestrel::Trace::warning("processLoomy2 # Failed to read Bundle header");
             return true;
         }
         const quint32 bodySize = bundle.bodySize();
+        if (!connection.withinLimit("processLoomy2", bodySize + (long long)Bundle::headerSize,
+                                    connection.maxBundleSize()))
+            return true;
         bool fits = bodySize <= s_maxBundleSize - Bundle::headerSize;
         if (fits) {
             try {

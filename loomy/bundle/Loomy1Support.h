@@ -38,9 +38,11 @@ private:
 // False if `line` isn't a bundle line ("loomy2 " and a decimal count, case sensitive). Otherwise
 // reads the bundles from the connection and schedules them on the controller as one batch, and
 // returns true; a short read logs a warning and drops the whole batch (the connection has ended
-// by then). A negative count throws std::length_error. A bundle too large for one QByteArray is
-// taken as a failed read: the batch is dropped and the connection ended, since the stream can't
-// be followed past it. On the connection's thread, from its parse().
+// by then). A negative count throws std::length_error (ConnectionThread ends the connection on
+// it). A bundle over the connection's maxBundleSize() is refused before its body is allocated,
+// and one too large for one QByteArray is taken as a failed read: either way the batch is dropped
+// and the connection ended, since the stream can't be followed past it. On the connection's
+// thread, from its parse().
 LOOMY_EXPORT bool processLoomy2(std::shared_ptr<BundleController> controller, ConnectionThread &connection,
                                 const QString &line);
 

@@ -10,6 +10,7 @@
 #include <QRegExp>
 
 #include <cstdint>
+#include <exception>
 #include <new>
 #include <random>
 
@@ -239,13 +240,15 @@ QString ConnectionThread::line()
                 continue;   // an empty line, or the LF of a CR LF
             return QString::fromUtf8(bytes);
         }
+        if (!withinLimit("ConnectionThread::line", bytes.size() + 1LL, m_maxValueLength))
+            return QString();
         bytes.append(c);
     }
 }
 
 QByteArray ConnectionThread::readData(int count)
 {
-    if (count <= 0)
+    if (count <= 0 || !withinLimit("ConnectionThread::readData", count, m_maxValueLength))
         return QByteArray();
     // The count may come from the wire: a size no array can take is a failed read, not a crash.
     QByteArray data;
@@ -312,6 +315,8 @@ QMap<QString, QString> ConnectionThread::readMap(int count)
     header.linkTo(buffer.data(), 8);
     header.setTotal(8);
     const int total = header.readInt32();
+    if (!withinLimit("ConnectionThread::readMap", total, m_maxValueLength))
+        return map;
     if (total > 8) {
         try {
             buffer.append(total - 8, '\0');
@@ -341,6 +346,15 @@ void ConnectionThread::abortRead()
 {
     m_writer->stop();
     m_running = false;
+}
+
+bool ConnectionThread::withinLimit(const char *operation, long long size, long long limit)
+{
+    if (limit <= 0 || size <= limit)
+        return true;
+    Kestrel::Trace::error("%s # %lld bytes exceed the limit of %lld, closing connection", operation, size, limit);
+    abortRead();
+    return false;
 }
 
 bool ConnectionThread::writeData(const void *data, int size)
@@ -484,8 +498,20 @@ void ConnectionThread::handleConnection()
         } else if (m_usePing && pongPattern.exactMatch(text)) {
             m_pingActive = true;
             pong(pongPattern.cap(1).toUtf8());
-        } else if (!parse(text)) {
-            Kestrel::Trace::error("Failed to parse command '%s'", qUtf8Printable(text));
+        } else {
+            // The boundary of this thread: whatever a parser lets through (a std::length_error
+            // for a negative bundle count, an allocation that fails) ends this connection only.
+            bool parsed = false;
+            try {
+                parsed = parse(text);
+            } catch (const std::exception &e) {
+                Kestrel::Trace::error("ConnectionThread::handleConnection # %s while parsing '%s', closing connection",
+                                      e.what(), qUtf8Printable(text.left(80)));
+                abortRead();
+                break;
+            }
+            if (!parsed)
+                Kestrel::Trace::error("Failed to parse command '%s'", qUtf8Printable(text));
         }
     }
 

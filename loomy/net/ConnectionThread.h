@@ -81,6 +81,15 @@ public:
     QString host() const;
     int port() const;
 
+    // Size guard for a peer on an open network; 0 (the default) is unlimited, as the protocol has
+    // it. A bundle larger than maxBundleSize (header included), or a line, raw block or map block
+    // longer than maxValueLength, is refused before anything is allocated for it: one error line
+    // is logged and the connection ends. Set before the thread starts or from any thread.
+    void setMaxBundleSize(long long bytes) { m_maxBundleSize = bytes; }
+    long long maxBundleSize() const { return m_maxBundleSize; }
+    void setMaxValueLength(long long bytes) { m_maxValueLength = bytes; }
+    long long maxValueLength() const { return m_maxValueLength; }
+
     // Results of the handshake; stable while connected.
     QString remoteUser() const { return m_remoteUser; }
     QString remoteVersionText() const { return m_remoteVersionText; }
@@ -101,6 +110,9 @@ public:
     QMap<QString, QString> readMap(int count);
     // Ends the connection as a failed read does, for a parser that can't follow the stream.
     void abortRead();
+    // False, logged as "<operation> # <size> bytes exceed the limit of <limit>, closing connection",
+    // with the connection ended, if a limit is set and `size` is over it.
+    bool withinLimit(const char *operation, long long size, long long limit);
 
     // Straight to the socket: for the handshake, and for what runs under m_sendMutex.
     bool writeData(const void *data, int size);
@@ -164,6 +176,8 @@ protected:
     std::atomic<Kestrel::TimeStamp> m_lastReceived{Kestrel::TimeStamp()};
     std::atomic<bool> m_pingActive{false};            // a pong was seen; never cleared
     std::atomic<bool> m_usePing{true};
+    std::atomic<long long> m_maxBundleSize{0};
+    std::atomic<long long> m_maxValueLength{0};
     double m_pingTimeout = 10.0;                      // seconds of silence before the writer gives up
 
 private:

@@ -122,11 +122,22 @@ void WriterThread::childLoop()
                 // Held for the whole unit, so that nothing else reaches the socket inside it.
                 Kestrel::MutexLocker send(m_owner->m_sendMutex);
                 Kestrel::TCPSocket *socket = m_owner->socket();
+                // Once the peer answers pings, a peer that stops reading is as dead as one that
+                // stops talking: a write that makes no progress for the ping time-out ends the
+                // connection, instead of blocking this thread for ever while the queue grows.
+                const bool keepAlive = m_owner->m_usePing && m_owner->m_pingActive;
+                if (socket)
+                    socket->setWriteTimeout(keepAlive ? int(m_owner->m_pingTimeout * 1000) : 0);
                 for (const QByteArray &block : unit.first) {
                     for (int offset = 0; m_writerRunning && offset < block.size(); offset += s_pieceSize) {
                         const int piece = qMin(s_pieceSize, block.size() - offset);
                         if ((socket ? socket->write(block.constData() + offset, piece) : 0) < piece) {
-                            // The connection thread notices by its next failed read.
+                            if (keepAlive && socket->isOpen()) {
+                                Kestrel::Trace::error("%s:%d: Ping timeout, disconnecting",
+                                                      qUtf8Printable(m_owner->host()), m_owner->port());
+                                socket->close();   // wakes the connection thread's read
+                            }
+                            // Otherwise the connection thread notices by its next failed read.
                             Kestrel::Trace::debug("WriterThread::childLoop # Write error");
                             m_writerRunning = false;
                             eventSend("error");

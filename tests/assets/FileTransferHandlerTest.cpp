@@ -14,6 +14,13 @@
 
 #include <atomic>
 
+#include <arpa/inet.h>
+#include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 using Loomy::AssetBase;
 
 namespace {
@@ -270,4 +277,81 @@ TEST_F(FileTransfer, ACutDownloadLeavesNoPartFileAndNoEntry)
     EXPECT_FALSE(QFile::exists(down("/cut.filesync.part")));
     EXPECT_EQ(readFile(down("/cut")), "old");
     EXPECT_EQ(m_downloader->fileInfos().size(), 1);
+}
+
+namespace {
+
+// A scripted uploader in a child process, which the test kills: after fork only system calls.
+// It listens on 127.0.0.1 port 0, reports the port through `report`, logs in any client, sends
+// `script`, writes one byte to `report`, and waits to be killed.
+[[noreturn]] void uploaderChild(int report, const QByteArray &greeting, const QByteArray &script)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener, reinterpret_cast<sockaddr *>(&address), length) != 0 || ::listen(listener, 1) != 0
+        || ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        ::_exit(1);
+    const int port = ntohs(address.sin_port);
+    if (::write(report, &port, sizeof port) != sizeof port)
+        ::_exit(1);
+    const int peer = ::accept(listener, nullptr, nullptr);
+    char in[256];
+    // Banner, login and digest come to 19 + 6 + 16 bytes; none is checked.
+    if (::write(peer, greeting.constData(), size_t(greeting.size())) != greeting.size())
+        ::_exit(1);
+    for (long got = 0; got < 41;) {
+        const ssize_t n = ::read(peer, in, size_t(41 - got));
+        if (n <= 0)
+            ::_exit(1);
+        got += n;
+    }
+    if (::write(peer, script.constData(), size_t(script.size())) != script.size() || ::write(report, "s", 1) != 1)
+        ::_exit(1);
+    for (;;)
+        ::pause();
+}
+
+} // namespace
+
+// The uploading process is killed in the middle of a file: the downloader's connection ends, the
+// part file goes, the old file stays as it was.
+TEST_F(FileTransfer, AnUploaderKilledMidDownloadLeavesTheOldFile)
+{
+    makeAssets();
+    writeFile(down("/killed"), "old");
+    const QByteArray bytes = pattern(4 * s_part, 3);
+    QByteArray script = "fileinfo 262144 \"/killed\" 4 " + md5Hex(bytes).toLatin1() + "\n";
+    for (int part = 1; part <= 2; ++part)
+        script += QStringLiteral("filepart \"/killed\" 65536 %1\n").arg(part).toUtf8() + bytes.mid((part - 1) * s_part, s_part);
+    const QByteArray greeting = "Lanternwick 2.14.4\n" + pattern(64, 7) + "ok\n";
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0)
+        uploaderChild(pipeFds[1], greeting, script);
+    ::close(pipeFds[1]);
+    int port = 0;
+    ASSERT_EQ(::read(pipeFds[0], &port, sizeof port), ssize_t(sizeof port));
+
+    m_downloader = std::make_unique<Handler>(nullptr, false, *m_downAssets);
+    m_downloader->setReconnect(false);
+    m_downloader->connectToHost("127.0.0.1", port);
+    char sent = 0;
+    EXPECT_EQ(::read(pipeFds[0], &sent, 1), 1);
+    ::close(pipeFds[0]);
+    EXPECT_TRUE(eventually([&] { return m_downAssets->currentParts("/killed") == 2; }));
+    EXPECT_EQ(readFile(down("/killed.filesync.part")), bytes.left(2 * s_part));
+
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    ASSERT_TRUE(eventually([&] { return !m_downloader->isRunning(); }));
+    EXPECT_FALSE(m_downAssets->isDownloading("/killed"));
+    EXPECT_FALSE(QFile::exists(down("/killed.filesync.part")));
+    EXPECT_EQ(readFile(down("/killed")), "old");
 }

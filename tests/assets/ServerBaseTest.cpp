@@ -132,6 +132,31 @@ TEST(ServerBase, AConnectionThatFailsItsHandshakeStaysListed)
     EXPECT_TRUE(server.instances().isEmpty());
 }
 
+// A peer that connects and never speaks, and one that logs in with a wrong digest: each blocks
+// or ends only its own connection, and a good client is served meanwhile.
+TEST(ServerBase, SilentAndWrongPeersDoNotStopTheServing)
+{
+    Server server;
+    server.run("127.0.0.1", 0);
+    ASSERT_TRUE(eventually([&] { return server.port() != 0; }));
+    const auto raw = [&] {
+        auto *socket = new Kestrel::TCPSocket;
+        EXPECT_EQ(socket->open("127.0.0.1", server.port()), 0);
+        return std::make_unique<RawPeer>(socket);
+    };
+    const auto silent = raw();
+    const auto wrong = raw();
+    EXPECT_EQ(wrong->line(), "Lanternwick 2.14.4");
+    wrong->bytes(64);
+    wrong->send("Lanternwick 2.14.4\ntolly\n" + QByteArray(16, 'd'));
+    EXPECT_EQ(wrong->line(), "Wrong username or password");
+    EXPECT_TRUE(wrong->atEnd());
+    const auto good = client(server.port());
+    ASSERT_TRUE(eventually([&] { return good->isConnected(); }));
+    EXPECT_EQ(server.calls(), QStringList{"connected 2"});
+    EXPECT_EQ(silent->line().left(11), "Lanternwick");   // its connection still waits for a login
+}
+
 // The port is held by another socket: the server retries silently (the firewall call at every
 // attempt) and binds within 5 seconds of the port's release.
 TEST(ServerBase, BindsATakenPortWithinFiveSecondsOfItsRelease)

@@ -112,6 +112,78 @@ TEST(Loomy2Reads, NegativeCountThrowsLengthError)
     EXPECT_THROW(Loomy::processLoomy2(session.controller, connection, "loomy2 -1"), std::length_error);
 }
 
+TEST(Loomy2Reads, BundleOverTheGuardIsRefusedBeforeItsBody)
+{
+    for (const quint32 body : {84u, 85u}) {   // 100 bytes with the header: at the limit, one over
+        TraceCapture trace;
+        Session session;
+        SocketPair sockets;
+        RecordingConnection connection(sockets.accepted, true);
+        connection.setMaxBundleSize(100);
+        RawPeer peer(sockets.connecting);
+        // The over-long body isn't sent: a guard that read it first would block here.
+        peer.send(bundleBytes(901, QByteArray(body == 84 ? 84 : 0, 'b'), body));
+        EXPECT_TRUE(Loomy::processLoomy2(session.controller, connection, "loomy2 1"));
+        const bool refused = body == 85;
+        EXPECT_EQ(trace.lines(Level::Error),
+                  refused ? QStringList{"processLoomy2 # 101 bytes exceed the limit of 100, closing connection"}
+                          : QStringList());
+        EXPECT_EQ(session.dispatched(trace), refused ? QStringList() : QStringList{"901"});
+        EXPECT_EQ(connection.running(), !refused);
+    }
+}
+
+// The count alone once made room for that many bundles before the first header was read.
+TEST(Loomy2Reads, HugeCountAllocatesOnlyForBundlesThatCame)
+{
+    TraceCapture trace;
+    Session session;
+    SocketPair sockets;
+    RecordingConnection connection(sockets.accepted, true);
+    RawPeer(sockets.connecting).send(bundleBytes(901, "abcd"));
+    EXPECT_TRUE(Loomy::processLoomy2(session.controller, connection, "loomy2 2147483647"));
+    EXPECT_EQ(trace.lines(Level::Warning), QStringList{"processLoomy2 # Failed to read Bundle header"});
+    EXPECT_FALSE(connection.running());
+}
+
+// The thread's boundary catches what processLoomy2 lets through: that connection ends, the
+// process and the server's other connections go on.
+class Loomy2Connection : public RecordingConnection
+{
+public:
+    using RecordingConnection::RecordingConnection;
+    Session session;
+protected:
+    bool parse(QString line) override
+    {
+        return Loomy::processLoomy2(session.controller, *this, line) || RecordingConnection::parse(line);
+    }
+};
+
+TEST(Loomy2Reads, NegativeCountOnALiveConnectionEndsOnlyThatConnection)
+{
+    TraceCapture trace;
+    SocketPair first, second;
+    RawPeer hostile(first.connecting), other(second.connecting);
+    auto a = std::make_shared<Loomy2Connection>(first.accepted, true);
+    auto b = std::make_shared<Loomy2Connection>(second.accepted, true);
+    a->run();
+    b->run();
+    loginAsClient(hostile);
+    loginAsClient(other);
+    hostile.send("loomy2 -1\nafter\n");
+    for (QByteArray seen; !(seen = hostile.line()).isEmpty();)   // the ping may or may not leave first
+        EXPECT_EQ(seen, "ping initialized");
+    EXPECT_TRUE(hostile.atEnd());
+    ASSERT_TRUE(eventually([&] { return a->hooks().contains("disconnected"); }));
+    EXPECT_EQ(trace.lines(Level::Error),
+              QStringList{"ConnectionThread::handleConnection # cannot create std::vector larger than max_size() "
+                          "while parsing 'loomy2 -1', closing connection"});
+    EXPECT_TRUE(a->lines().isEmpty());
+    other.send("still served\n");
+    EXPECT_TRUE(eventually([&] { return b->lines() == QStringList{"still served"}; }));
+}
+
 std::vector<Loomy::Bundle> twoBundles()
 {
     return {Loomy::Bundle(bundleBytes(901, "abcd")), Loomy::Bundle(bundleBytes(902, ""))};

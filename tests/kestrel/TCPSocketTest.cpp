@@ -88,6 +88,20 @@ TEST_F(TCPSocketPair, CloseFromAnotherThreadWakesABlockedReadAndThePeerWritesSho
     EXPECT_LT(written, chunk.size());
 }
 
+// A peer that never reads: with a write time-out the write returns short once the buffers are
+// full, and the connection stays usable for a close; without one it would block for ever.
+TEST_F(TCPSocketPair, AWriteTimeOutEndsAWriteThatCannotProgress)
+{
+    client.setWriteTimeout(200);
+    const QByteArray block(64 << 20, 'w');   // far more than the kernel's buffers on both sides
+    auto writer = std::async(std::launch::async, [&] { return client.write(block.constData(), block.size()); });
+    ASSERT_TRUE(ready(writer)) << "write still blocked";
+    const int written = writer.get();
+    EXPECT_GT(written, 0);
+    EXPECT_LT(written, block.size());
+    EXPECT_EQ(client.txBytes(), (unsigned long long)written);
+}
+
 TEST(TCPServerSocket, ListenerHoldsItsPortUntilClosed)
 {
     TCPServerSocket first, second;

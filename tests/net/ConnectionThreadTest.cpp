@@ -259,6 +259,35 @@ TEST(ShortReads, LogTheirTextsAndEndTheConnection)
     }
 }
 
+// Each read is refused before anything is allocated for it: the peer sends no more than the
+// part that is over, so a guard that read first would block instead of failing.
+TEST(SizeGuard, RefusesOversizedLineBlockAndMapAndEndsTheConnection)
+{
+    struct Row { std::function<bool(RecordingConnection &)> read; QByteArray wire; const char *log; };
+    const Row rows[] = {
+        {[](RecordingConnection &c) { return c.line() == "12345678"; }, "12345678\n", nullptr},
+        {[](RecordingConnection &c) { return c.line().isEmpty(); }, "123456789",
+         "ConnectionThread::line # 9 bytes exceed the limit of 8, closing connection"},
+        {[](RecordingConnection &c) { return c.readData(8).size() == 8; }, "12345678", nullptr},
+        {[](RecordingConnection &c) { return c.readData(2000000000).isEmpty(); }, "",
+         "ConnectionThread::readData # 2000000000 bytes exceed the limit of 8, closing connection"},
+        {[](RecordingConnection &c) { return c.readMap(1).isEmpty(); }, QByteArray("INT4\xff\xff\xff\x7f", 8),
+         "ConnectionThread::readMap # 2147483647 bytes exceed the limit of 8, closing connection"},
+    };
+    for (const Row &row : rows) {
+        TraceCapture trace;
+        SocketPair sockets;
+        RecordingConnection connection(sockets.accepted, true);
+        RawPeer peer(sockets.connecting);
+        connection.setRemoteVersion(2, 14, 4, "");
+        connection.setMaxValueLength(8);
+        peer.send(row.wire);
+        EXPECT_TRUE(row.read(connection)) << row.wire.constData();
+        EXPECT_EQ(trace.lines(Level::Error), row.log ? QStringList{row.log} : QStringList()) << row.wire.constData();
+        EXPECT_EQ(connection.running(), row.log == nullptr) << row.wire.constData();
+    }
+}
+
 TEST(Queue, BeforeTheConnectionBehindTheFirstPingAfterItAtOnce)
 {
     SocketPair sockets;
@@ -337,6 +366,31 @@ TEST(ConnectionTiming, RetryAfterPeriodKeepAliveAndTimeout)
     EXPECT_TRUE(connection->waitEnd(5000));
     EXPECT_EQ(threadsNamed("LoomyConn"), 0);
     EXPECT_EQ(threadsNamed("LoomyWriter"), 0);
+}
+
+// A peer that answers pings once and then stops reading: the writer used to block in its write
+// for ever while the queue grew. Now the stalled write ends the connection at the ping time-out,
+// and the queue goes with the object.
+TEST(ConnectionTiming, APeerThatStopsReadingIsCutAtThePingTimeout)
+{
+    TraceCapture trace;
+    SocketPair sockets;
+    RawPeer peer(sockets.connecting);
+    const QByteArray block(1 << 20, 'x');
+    {
+        auto connection = std::make_shared<RecordingConnection>(sockets.accepted, true);
+        connection->setPingTimeout(1.0);
+        connection->run();
+        loginAsClient(peer);
+        peer.send("pong\n");
+        ASSERT_TRUE(eventually([&] { return connection->pingActive(); }));
+        for (int i = 0; i < 64; ++i)   // far more than the sockets' buffers take
+            connection->writeBufferData(block, QByteArray());
+        ASSERT_TRUE(eventually([&] { return connection->hooks().contains("disconnected"); }));
+        EXPECT_GT(connection->bufferedDataSize(), 32LL << 20);
+        EXPECT_EQ(trace.count(":5000: Ping timeout, disconnecting"), 1);
+    }
+    EXPECT_TRUE(block.isDetached());
 }
 
 TEST(ConnectionTiming, ConnectToHostMovesTheRunningThread)

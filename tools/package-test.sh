@@ -39,6 +39,8 @@ build_examples() {
     "$build/loomy-example" >"$build/example.out" || fail "loomy-example from $build"
     sh "$src/examples/run-pair.sh" "$build/loomy-pair-example" >"$build/pair.out" \
         || { cat "$build/pair.out"; fail "run-pair.sh with the examples from $build"; }
+    sh "$src/examples/run-mirror.sh" "$build/loomy-serve-example" "$build/loomy-mirror-example" \
+        >"$build/mirror.out" || { cat "$build/mirror.out"; fail "run-mirror.sh with the examples from $build"; }
     echo "ok: examples built with CMake against $prefix and run"
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks the Debian packages the way a user meets them. Takes a minute or more and may install
-# Debian packages, so it is not part of ctest; CI calls it after tools/package.sh.
+# Debian packages, so it is not part of ctest; a CI job calls it after tools/package.sh.
 #   tools/package-test.sh [--install] <folder with the .deb files>
 # Without --install: unpacks the packages into a scratch root with dpkg -x, builds examples/
 # against it with CMake and examples/main.cpp with pkg-config, and runs what it built.
@@ -64,21 +64,23 @@ sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$debs"/*.deb >/dev/null
 build_examples /usr "$scratch/installed"
-if command -v loomy >/dev/null; then
-    loomy serve --help >/dev/null 2>&1 || true
-    # The serving side prints its port; the connecting side must log in and leave cleanly.
-    loomy serve --port 0 >"$scratch/serve.out" 2>&1 &
+if [ -x /usr/bin/loomy ]; then
+    # The serving side sets a value; the connecting side ends with status 0 once it holds it.
+    /usr/bin/loomy serve --bind 127.0.0.1 --port 0 --set probe/value=int:7 >"$scratch/serve.out" 2>&1 &
     server=$!
     port=""
     for _ in $(seq 100); do
-        port=$(grep -o 'port [0-9]*' "$scratch/serve.out" | head -1 | cut -d' ' -f2) || true
+        port=$(sed -n 's/^listening [^ ]* \([0-9]*\)$/\1/p' "$scratch/serve.out")
         [ -n "$port" ] && break
         sleep 0.1
     done
     [ -n "$port" ] || { kill $server; cat "$scratch/serve.out"; fail "loomy serve printed no port"; }
-    timeout 30 loomy connect 127.0.0.1 "$port" --frames 60 >"$scratch/connect.out" 2>&1 \
-        || { kill $server; cat "$scratch/connect.out"; fail "loomy connect"; }
+    /usr/bin/loomy connect "127.0.0.1:$port" --expect probe/value=7 --timeout 30 >"$scratch/connect.out" 2>&1 \
+        || { kill $server; cat "$scratch/serve.out" "$scratch/connect.out"; fail "loomy connect"; }
     kill $server
-    echo "ok: installed loomy connect ran against installed loomy serve"
+    echo "ok: the installed loomy connect got a value from the installed loomy serve"
 fi
-$sudo apt-get remove -y -qq loomy-tools libloomy-dev libloomy2 >/dev/null 2>&1 || true
+installed=$(dpkg-query -W -f='${Package} ${Status}\n' loomy-tools libloomy-dev libloomy2 2>/dev/null \
+    | awk '/install ok installed/ {print $1}')
+# shellcheck disable=SC2086
+$sudo apt-get purge -y -qq $installed >/dev/null

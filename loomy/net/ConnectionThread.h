@@ -168,7 +168,8 @@ protected:
     Kestrel::Condition m_retryCondition;              ///< woken by stop()
     std::atomic<Kestrel::TCPSocket *> m_socket;       ///< owned; set once by the connection's thread
     QString m_remoteUser;                             ///< written by the handshake only
-    /// False once the thread is asked to end.
+    /// False while no connection is to be served: after stop(), a failed handshake, or a lost
+    /// connection that is not retried.
     std::atomic<bool> m_running{true};
     /// True while a handshaken connection stands.
     std::atomic<bool> m_connected{false};
@@ -185,7 +186,7 @@ protected:
     const bool m_acceptedSocket;
     /// A lost or failed connection is tried again; see setReconnect().
     std::atomic<bool> m_reconnect{true};
-    /// stop() was called.
+    /// stop() was called and no connectToHost() since.
     std::atomic<bool> m_stopped{false};
     WriterThread *m_writer;                           ///< owned, never null
     Kestrel::Mutex m_pendingMutex;                    ///< guards m_pending

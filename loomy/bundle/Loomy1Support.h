@@ -19,30 +19,31 @@ namespace Loomy {
 
 class ConnectionThread;
 
-// Holds the connection weakly, so that a session doesn't keep it alive.
-// Threads: send() runs on the frame thread.
+/// Holds the connection weakly, so that a session doesn't keep it alive.
+/// Threads: send() runs on the frame thread.
 class LOOMY_EXPORT Loomy1Connection : public Connection
 {
 public:
+    /// The connection must be the one whose parser hands its "loomy2" lines to processLoomy2(); it is held weakly.
     explicit Loomy1Connection(std::weak_ptr<ConnectionThread> connection);
 
-    // An empty batch writes nothing. While connected to a peer that can't take bundles the batch
-    // is dropped; a connection that isn't up gets it queued all the same. The batch is one unit
-    // of the writer, keyed "loomy2".
+    /// An empty batch writes nothing. While connected to a peer that can't take bundles the batch
+    /// is dropped; a connection that isn't up gets it queued all the same. The batch is one unit
+    /// of the writer, keyed "loomy2".
     void send(const std::vector<Bundle> &bundles) override;
 
 private:
     std::weak_ptr<ConnectionThread> m_connection;
 };
 
-// False if `line` isn't a bundle line ("loomy2 " and a decimal count, case sensitive). Otherwise
-// reads the bundles from the connection and schedules them on the controller as one batch, and
-// returns true; a short read logs a warning and drops the whole batch (the connection has ended
-// by then). A negative count throws std::length_error (ConnectionThread ends the connection on
-// it). A bundle over the connection's maxBundleSize() is refused before its body is allocated,
-// and one too large for one QByteArray is taken as a failed read: either way the batch is dropped
-// and the connection ended, since the stream can't be followed past it. On the connection's
-// thread, from its parse().
+/// False if `line` isn't a bundle line ("loomy2 " and a decimal count, case sensitive). Otherwise
+/// reads the bundles from the connection and schedules them on the controller as one batch, and
+/// returns true; a short read logs a warning and drops the whole batch (the connection has ended
+/// by then). A negative count throws std::length_error (ConnectionThread ends the connection on
+/// it). A bundle over the connection's maxBundleSize() is refused before its body is allocated,
+/// and one too large for one QByteArray is taken as a failed read: either way the batch is dropped
+/// and the connection ended, since the stream can't be followed past it. On the connection's
+/// thread, from its parse().
 LOOMY_EXPORT bool processLoomy2(std::shared_ptr<BundleController> controller, ConnectionThread &connection,
                                 const QString &line);
 

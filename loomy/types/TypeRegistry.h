@@ -32,21 +32,21 @@ namespace Loomy {
 class BundleReaderCore;
 class BundleWriterCore;
 
-// An empty function stands for "can't be done" throughout.
+/// An empty function stands for "can't be done" throughout.
 using Serializer = std::function<void(BundleWriterCore &)>;
 using Deserializer = std::function<void(BundleReaderCore &)>;
 using DeserializerFactory = std::function<Deserializer(Tamarack::Attribute *)>;
 using VariantSerializer = std::function<void(BundleWriterCore &, const QVariant &)>;
 using VariantDeserializer = std::function<QVariant(BundleReaderCore &)>;
 
-// Which attribute class has which type id, and how its values become bytes and back. One
-// instance per session.
-//
-// Lifetimes: the registry owns its tables only. A serialiser or deserialiser holds a raw pointer
-// to its attribute and must not be called after the attribute is gone. createAttribute's result
-// belongs to the caller.
-// Threads: lookups are const and need no lock. The two setters are for start-up only: they are
-// not guarded against concurrent lookups.
+/// Which attribute class has which type id, and how its values become bytes and back. One
+/// instance per session.
+///
+/// Lifetimes: the registry owns its tables only. A serialiser or deserialiser holds a raw pointer
+/// to its attribute and must not be called after the attribute is gone. createAttribute's result
+/// belongs to the caller.
+/// Threads: lookups are const and need no lock. The two setters are for start-up only: they are
+/// not guarded against concurrent lookups.
 class LOOMY_EXPORT TypeRegistry
 {
 public:
@@ -55,22 +55,24 @@ public:
     TypeRegistry(const TypeRegistry &) = delete;
     TypeRegistry &operator=(const TypeRegistry &) = delete;
 
-    // A new attribute with no host and no name; null for an unassigned id.
+    /// A new attribute with no host and no name; null for an unassigned id.
     Tamarack::Attribute *createAttribute(unsigned int typeId) const;
-    // Follows aliases to their target. typeId and size are written only when a serialiser is
-    // found; size is 0 for a value of dynamic size.
+    /// Follows aliases to their target. typeId and size are written only when a serialiser is
+    /// found; size is 0 for a value of dynamic size.
     Serializer createSerializer(Tamarack::Attribute *attribute, unsigned int &typeId, unsigned int &size) const;
-    // The peer's type id decides: a local attribute of a class that doesn't fit it gives an empty
-    // function. An alias without a target gives a deserialiser that keeps the latest value until
-    // the alias gets one.
+    /// The peer's type id decides: a local attribute of a class that doesn't fit it gives an empty
+    /// function. An alias without a target gives a deserialiser that keeps the latest value until
+    /// the alias gets one.
     Deserializer createDeserializer(unsigned int typeId, Tamarack::Attribute *attribute) const;
 
-    // The variant serialisers throw std::invalid_argument for a QVariant that can't be converted
-    // to the id's value type.
+    /// The variant serialisers throw std::invalid_argument for a QVariant that can't be converted
+    /// to the id's value type.
     VariantSerializer createVariantSerializer(unsigned int typeId) const;
+    /// A fresh deserializer for the type id, or null if none is registered; any thread.
     VariantDeserializer createVariantDeserializer(unsigned int typeId) const;
-    // Insert or replace; for a user's own QVariant types.
+    /// Insert or replace; for a user's own QVariant types.
     void setVariantSerializer(unsigned int typeId, VariantSerializer serializer);
+    /// Registers how values of the type id are read; any thread, usually at start-up.
     void setVariantDeserializer(unsigned int typeId, VariantDeserializer deserializer);
 
 private:
@@ -85,27 +87,27 @@ private:
     void initMemGrids();
     void initSpline();
 
-    // A, an attribute class with a value of fixed size.
+    /// A, an attribute class with a value of fixed size.
     template <typename A>
     void registerSimpleType(unsigned int id);
-    // C, a std::vector of fixed-size elements, held by Tamarack::AttributeContainer<C>.
+    /// C, a std::vector of fixed-size elements, held by Tamarack::AttributeContainer<C>.
     template <typename C>
     void registerSimpleAttributeContainer(unsigned int id);
-    // No variant entries: the caller adds them.
+    /// No variant entries: the caller adds them.
     template <typename A>
     void registerDynamicSizeType(unsigned int id, std::function<Serializer(A *)> serializerFactory,
                                  std::function<Deserializer(A *)> deserializerFactory);
-    // C, a std::vector of E, written as a string list: a length word, then the elements.
+    /// C, a std::vector of E, written as a string list: a length word, then the elements.
     template <typename C, typename E>
     void registerDynamicSizeAttributeContainer(unsigned int id, std::function<void(const E &, BundleWriterCore &)> elementWriter,
                                                std::function<E(BundleReaderCore &)> elementReader);
 
-    // Every id of m_attributeFactories is also in m_deserializerFactories and m_typeSizes.
+    /// Every id of m_attributeFactories is also in m_deserializerFactories and m_typeSizes.
     std::map<unsigned int, AttributeFactory> m_attributeFactories;
     std::map<unsigned int, DeserializerFactory> m_deserializerFactories;
     std::unordered_map<std::type_index, TypeTest> m_typeTests;
     std::unordered_map<std::type_index, SerializerFactory> m_serializerFactories;
-    std::unordered_map<unsigned int, unsigned int> m_typeSizes; // 0: dynamic size
+    std::unordered_map<unsigned int, unsigned int> m_typeSizes; ///< 0: dynamic size
     std::map<unsigned int, VariantSerializer> m_variantSerializers;
     std::map<unsigned int, VariantDeserializer> m_variantDeserializers;
 };

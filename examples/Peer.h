@@ -1,0 +1,88 @@
+// What the serving and the mirroring example share: a peer of a tree over TCP, a file transfer
+// connection, and a server that makes either for each socket it accepts.
+#pragma once
+#include "loomy/assets/AssetBase.h"
+#include "loomy/assets/FileTransferHandler.h"
+#include "loomy/assets/ServerBase.h"
+#include "loomy/bundle/Loomy1Support.h"
+#include "loomy/net/ConnectionThread.h"
+#include "loomy/sync/RemoteNode.h"
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+
+// One peer of a RemoteNode: a session while the connection stands, so that each new connection
+// starts a new session.
+class Peer : public Loomy::ConnectionThread
+{
+public:
+    // socket: null on the connecting side; an accepted socket on the serving side, whose session
+    // is authoritative (its values win where both trees hold an attribute).
+    Peer(Kestrel::TCPSocket *socket, Loomy::RemoteNode &node)
+        : ConnectionThread(socket, socket != nullptr), m_node(node), m_authoritative(socket != nullptr)
+    {
+    }
+    ~Peer() override
+    {
+        stop();
+        waitEnd(0);
+    }
+
+protected:
+    // connected(), disconnected() and parse() all run on the connection's own thread.
+    void connected() override
+    {
+        Loomy::BundleControllerParams params;
+        params.createMissingAttributes = true;
+        params.authoritative = m_authoritative;
+        params.connection = std::make_shared<Loomy::Loomy1Connection>(weak_from_this());
+        m_controller = Loomy::BundleController::create(m_node, params);
+    }
+    void disconnected() override { m_controller.reset(); }
+    bool parse(QString line) override { return Loomy::processLoomy2(m_controller, *this, line); }
+
+private:
+    Loomy::RemoteNode &m_node;
+    const bool m_authoritative;
+    std::shared_ptr<Loomy::BundleController> m_controller;
+};
+
+// Moves files between the asset folder of this process and the peer's.
+class Files : public Loomy::FileTransferHandler
+{
+public:
+    Files(Kestrel::TCPSocket *socket, Loomy::AssetBase &assets)
+        : FileTransferHandler(socket, socket != nullptr, assets)
+    {
+    }
+    ~Files() override
+    {
+        stop();
+        waitEnd(0);
+    }
+    QString assetRoot() override { return m_assets.root(); }
+    void reserved() override {}
+    void downloadProgress(long long bytes, const QString &name) override
+    {
+        std::printf("%s: %lld bytes more\n", qUtf8Printable(name), bytes);
+    }
+};
+
+// Makes a connection of the caller's kind for each accepted socket.
+class Server : public Loomy::ServerBase
+{
+public:
+    using Make = std::function<std::shared_ptr<Loomy::ConnectionThread>(Kestrel::TCPSocket *)>;
+    explicit Server(Make make) : m_make(std::move(make)) {}
+    ~Server() override { shutdown(); }
+
+protected:
+    std::shared_ptr<Loomy::ConnectionThread> createConnection(Kestrel::TCPSocket *socket) override
+    {
+        return socket ? m_make(socket) : nullptr;   // null: accept failed
+    }
+
+private:
+    Make m_make;
+};

@@ -96,8 +96,11 @@ public:
     /// longer than maxValueLength, is refused before anything is allocated for it: one error line
     /// is logged and the connection ends. Set before the thread starts or from any thread.
     void setMaxBundleSize(long long bytes) { m_maxBundleSize = bytes; }
+    /// The bundle size guard; 0 is unlimited. Any thread.
     long long maxBundleSize() const { return m_maxBundleSize; }
+    /// Sets the guard for one line, raw block or map block; see setMaxBundleSize(). Any thread.
     void setMaxValueLength(long long bytes) { m_maxValueLength = bytes; }
+    /// The value length guard; 0 is unlimited. Any thread.
     long long maxValueLength() const { return m_maxValueLength; }
 
     /// Results of the handshake; stable while connected.
@@ -209,9 +212,9 @@ protected:
     std::atomic<bool> m_pingActive{false};            ///< a pong was seen; never cleared
     /// See usePing().
     std::atomic<bool> m_usePing{true};
-    std::atomic<long long> m_maxBundleSize{0};
-    std::atomic<long long> m_maxValueLength{0};
-    double m_pingTimeout = 10.0;                      // seconds of silence before the writer gives up
+    std::atomic<long long> m_maxBundleSize{0};        ///< see setMaxBundleSize()
+    std::atomic<long long> m_maxValueLength{0};       ///< see setMaxValueLength()
+    double m_pingTimeout = 10.0;                      ///< seconds of silence before the writer gives up
 
 private:
     friend class WriterThread;

@@ -3,11 +3,15 @@
 #include "loomy/bundle/Bundle.h"
 #include "loomy/sync/RemoteNode.h"
 
+#include "tamarack/AttributeT.h"
+#include "kestrel/TCPServerSocket.h"
+
 #include "common/TraceCapture.h"
 #include "net/NetTestUtil.h"
 
 #include <QtEndian>
 
+#include <chrono>
 #include <stdexcept>
 
 using Kestrel::Trace::Level;
@@ -223,6 +227,121 @@ TEST(Loomy1Connection, SendsToCurrentPeerDropsForOldPeer)
         }
         EXPECT_EQ(peer.line(), "marker") << banner.constData();
     }
+}
+
+// A session per connection, as an application holds it: made when the connection stands and
+// dropped when it ends; the accepting side's sessions are authoritative.
+class SessionConnection : public Loomy::ConnectionThread
+{
+public:
+    SessionConnection(Kestrel::TCPSocket *socket, bool accepted, Loomy::RemoteNode &node)
+        : ConnectionThread(socket, accepted), m_node(node), m_authoritative(accepted)
+    {
+    }
+    ~SessionConnection() override
+    {
+        stop();
+        waitEnd(0);
+    }
+    bool hasSession() { Lock l(m_mutex); return m_controller != nullptr; }
+
+protected:
+    void connected() override
+    {
+        Loomy::BundleControllerParams params;
+        params.createMissingAttributes = true;
+        params.authoritative = m_authoritative;
+        params.connection = std::make_shared<Loomy::Loomy1Connection>(weak_from_this());
+        Lock l(m_mutex);
+        m_controller = Loomy::BundleController::create(m_node, params);
+    }
+    void disconnected() override { Lock l(m_mutex); m_controller.reset(); }
+    bool parse(QString line) override
+    {
+        std::shared_ptr<Loomy::BundleController> controller;
+        {
+            Lock l(m_mutex);
+            controller = m_controller;
+        }
+        return Loomy::processLoomy2(controller, *this, line);
+    }
+
+private:
+    using Lock = std::lock_guard<std::mutex>;
+    Loomy::RemoteNode &m_node;
+    const bool m_authoritative;
+    std::mutex m_mutex;   // m_controller: set and dropped on the connection's thread, read by parse
+    std::shared_ptr<Loomy::BundleController> m_controller;
+};
+
+float value(Loomy::RemoteNode &node, const QByteArray &name)
+{
+    auto *attribute = dynamic_cast<Tamarack::AttributeT<float> *>(node.attribute(name));
+    return attribute ? attribute->value() : -1.f;
+}
+
+// The accepting side goes away and comes back on its port while the client keeps its tree; both
+// change values meanwhile. The client reconnects within its retry period, and the new session
+// leaves both trees with the accepting side's values.
+TEST(Loomy1Connection, ReconnectionAfterARestartEndsWithTheAuthoritativeSidesValues)
+{
+    Tamarack::Node serverRoot, clientRoot;
+    auto *server = new Loomy::RemoteNode(&serverRoot, "shared");
+    auto *client = new Loomy::RemoteNode(&clientRoot, "shared");
+    for (const char *name : {"a", "b"}) {
+        auto *attribute = new Tamarack::AttributeT<float>;
+        server->addDeepAttribute(name, attribute);
+        attribute->setValue(name[0] == 'a' ? 1.f : 2.f);
+    }
+    auto listener = std::make_unique<Kestrel::TCPServerSocket>();
+    ASSERT_EQ(listener->open("127.0.0.1", 0, 2), 0);
+    const int port = listener->port();
+    std::shared_ptr<SessionConnection> accepted;
+    // Frames until the condition holds, accepting a connection when one waits.
+    const auto frames = [&](const std::function<bool()> &condition) {
+        return eventually([&] {
+            if (listener && listener->isPendingConnection(0)) {
+                accepted = std::make_shared<SessionConnection>(listener->accept(), true, *server);
+                accepted->run();
+            }
+            Tamarack::Node::runHostUpdate();
+            return condition();
+        });
+    };
+    auto connection = std::make_shared<SessionConnection>(nullptr, false, *client);
+    connection->connectToHost("127.0.0.1", port);
+    ASSERT_TRUE(frames([&] { return value(*client, "a") == 1.f && value(*client, "b") == 2.f; }));
+
+    accepted->stop();
+    accepted->waitEnd(0);
+    accepted.reset();
+    listener.reset();
+    ASSERT_TRUE(frames([&] { return !connection->isConnected(); }));
+    dynamic_cast<Tamarack::AttributeT<float> *>(server->attribute("a"))->setValue(5.f);
+    dynamic_cast<Tamarack::AttributeT<float> *>(client->attribute("b"))->setValue(7.f);
+    const auto down = std::chrono::steady_clock::now();
+    listener = std::make_unique<Kestrel::TCPServerSocket>();
+    ASSERT_EQ(listener->open("127.0.0.1", port, 2), 0);
+
+    ASSERT_TRUE(frames([&] { return accepted && accepted->hasSession() && connection->isConnected(); }));
+    EXPECT_LT(std::chrono::steady_clock::now() - down, std::chrono::milliseconds(3500));
+    EXPECT_TRUE(frames([&] { return value(*client, "a") == 5.f && value(*client, "b") == 2.f; }))
+        << value(*client, "a") << " " << value(*client, "b");
+    // Whatever else is under way lands within a few frames more.
+    int settle = 30;
+    frames([&] { return --settle == 0; });
+    EXPECT_EQ(value(*client, "a"), 5.f);
+    EXPECT_EQ(value(*client, "b"), 2.f);
+    EXPECT_EQ(value(*server, "a"), 5.f);
+    EXPECT_EQ(value(*server, "b"), 2.f);
+
+    connection->stop();
+    connection->waitEnd(0);
+    accepted->stop();
+    accepted->waitEnd(0);
+    connection.reset();
+    accepted.reset();
+    Tamarack::Node::runHostUpdate();
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 // One peer of a RemoteNode: a session while the connection stands, so that each new connection
 // starts a new session.
@@ -28,6 +29,18 @@ public:
         stop();
         waitEnd(0);
     }
+    // Any thread.
+    bool hasSession()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_controller != nullptr;
+    }
+    // For the frame thread at the end, once the connection's thread has ended.
+    void dropSession()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_controller.reset();
+    }
 
 protected:
     // connected(), disconnected() and parse() all run on the connection's own thread.
@@ -37,14 +50,25 @@ protected:
         params.createMissingAttributes = true;
         params.authoritative = m_authoritative;
         params.connection = std::make_shared<Loomy::Loomy1Connection>(weak_from_this());
-        m_controller = Loomy::BundleController::create(m_node, params);
+        auto controller = Loomy::BundleController::create(m_node, params);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_controller = std::move(controller);
     }
-    void disconnected() override { m_controller.reset(); }
-    bool parse(QString line) override { return Loomy::processLoomy2(m_controller, *this, line); }
+    void disconnected() override { dropSession(); }
+    bool parse(QString line) override
+    {
+        std::shared_ptr<Loomy::BundleController> controller;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            controller = m_controller;
+        }
+        return Loomy::processLoomy2(controller, *this, line);
+    }
 
 private:
     Loomy::RemoteNode &m_node;
     const bool m_authoritative;
+    std::mutex m_mutex;   // guards m_controller: made and dropped on the connection's thread, read by others
     std::shared_ptr<Loomy::BundleController> m_controller;
 };
 

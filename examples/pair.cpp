@@ -17,10 +17,7 @@
 // batches keep their order, a side that sees the peer's flag has everything the peer did. Both
 // print their tree, one "path type value" line per attribute, and leave; the trees are equal if
 // the printouts are (tools/run-example.sh and the example's test compare them).
-#include "loomy/assets/ServerBase.h"
-#include "loomy/bundle/Loomy1Support.h"
-#include "loomy/net/ConnectionThread.h"
-#include "loomy/sync/RemoteNode.h"
+#include "Peer.h"
 
 #include "tamarack/AttributeT.h"
 #include "tamarack/Node.h"
@@ -40,84 +37,6 @@ using Tamarack::AttributeT;
 using Tamarack::Node;
 
 namespace {
-
-// One peer: a session is made when the connection stands and dropped when it goes, so that a
-// new connection starts a new session.
-class PairConnection : public Loomy::ConnectionThread
-{
-public:
-    PairConnection(Kestrel::TCPSocket *socket, bool accepted, Loomy::RemoteNode &node)
-        : ConnectionThread(socket, accepted), m_node(node), m_authoritative(accepted)
-    {
-    }
-    ~PairConnection() override
-    {
-        stop();
-        waitEnd(0);
-    }
-    bool hasSession()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_controller != nullptr;
-    }
-    void dropSession()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_controller.reset();
-    }
-
-protected:
-    // On the connection's thread.
-    void connected() override
-    {
-        std::printf("connected, peer version %s\n", qUtf8Printable(remoteVersionText()));
-        Loomy::BundleControllerParams params;
-        params.createMissingAttributes = true;
-        // The accepting side holds the truth: after a reconnection its values win where both
-        // trees hold an attribute, so the two end equal whatever changed while apart.
-        params.authoritative = m_authoritative;
-        params.connection = std::make_shared<Loomy1Connection>(weak_from_this());
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_controller = Loomy::BundleController::create(m_node, params);
-    }
-    void disconnected() override { dropSession(); }
-    bool parse(QString line) override
-    {
-        std::shared_ptr<Loomy::BundleController> controller;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            controller = m_controller;
-        }
-        return Loomy::processLoomy2(controller, *this, line);
-    }
-
-private:
-    using Loomy1Connection = Loomy::Loomy1Connection;
-    Loomy::RemoteNode &m_node;
-    const bool m_authoritative;
-    std::mutex m_mutex;   // guards m_controller: made and dropped on the connection's thread, read by both
-    std::shared_ptr<Loomy::BundleController> m_controller;
-};
-
-// The accepting side: a PairConnection for each accepted socket. The server keeps the list and
-// takes a connection down when its peer leaves; this example serves the first one.
-class PairServer : public Loomy::ServerBase
-{
-public:
-    explicit PairServer(Loomy::RemoteNode &node) : m_node(node) {}
-    ~PairServer() override { shutdown(); }
-
-protected:
-    std::shared_ptr<Loomy::ConnectionThread> createConnection(Kestrel::TCPSocket *socket) override
-    {
-        if (!socket)
-            return nullptr;   // accept failed
-        return std::make_shared<PairConnection>(socket, true, m_node);
-    }
-
-private:
-    Loomy::RemoteNode &m_node;
-};
 
 // Waits up to the time for the condition, checking every 10 milliseconds.
 template <typename Condition>
@@ -198,10 +117,12 @@ int main(int argc, char **argv)
         add(*shared, "right/tags", QStringList{"red", "round"});
     }
 
-    std::unique_ptr<PairServer> server;
-    std::shared_ptr<PairConnection> connection;
+    std::unique_ptr<Server> server;
+    std::shared_ptr<Peer> connection;
     if (left) {
-        server = std::make_unique<PairServer>(*shared);
+        server = std::make_unique<Server>([shared](Kestrel::TCPSocket *socket) {
+            return std::make_shared<Peer>(socket, *shared);
+        });
         server->run("127.0.0.1", std::atoi(argv[2]));
         // A port that is taken is retried for as long as the server runs; this example gives up.
         if (!waitFor([&] { return server->port() != 0; }, std::chrono::seconds(10)))
@@ -210,9 +131,9 @@ int main(int argc, char **argv)
         std::fflush(stdout);
         if (!waitFor([&] { return !server->instances().isEmpty(); }, std::chrono::seconds(30)))
             return 1;
-        connection = std::static_pointer_cast<PairConnection>(server->instances().first());
+        connection = std::static_pointer_cast<Peer>(server->instances().first());
     } else {
-        connection = std::make_shared<PairConnection>(nullptr, false, *shared);
+        connection = std::make_shared<Peer>(nullptr, *shared);
         connection->connectToHost(argv[2], std::atoi(argv[3]));
     }
 

@@ -26,10 +26,5 @@ bool ready(const Future &future) { return future.wait_for(s_patience) == std::fu
 // True when another thread can't take the mutex right now.
 inline bool heldElsewhere(Kestrel::Mutex &mutex)
 {
-    return std::async(std::launch::async, [&] {
-               const bool taken = mutex.tryLock();
-               if (taken)
-                   mutex.unlock();
-               return !taken;
-           }).get();
+    return std::async(std::launch::async, [&] { return !mutex.tryLock() || (mutex.unlock(), false); }).get();
 }

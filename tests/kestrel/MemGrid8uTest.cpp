@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <new>
+#include <numeric>
 
 using Kestrel::MemGrid8u;
 
@@ -11,13 +12,8 @@ namespace {
 
 bool pageAligned(const void *p) { return reinterpret_cast<uintptr_t>(p) % 4096 == 0; }
 
-MemGrid8u filled(unsigned width, unsigned height)
-{
-    MemGrid8u grid(width, height);
-    for (std::size_t i = 0; i < grid.cellCount(); ++i)
-        grid.data()[i] = static_cast<unsigned char>(i + 1);
-    return grid;
-}
+MemGrid8u filled(unsigned width, unsigned height)   // cells 1, 2, 3, ...
+{ MemGrid8u grid(width, height); std::iota(grid.data(), grid.data() + grid.cellCount(), static_cast<unsigned char>(1)); return grid; }
 
 } // namespace
 

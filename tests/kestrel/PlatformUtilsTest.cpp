@@ -14,9 +14,7 @@ namespace {
 struct ScopedEnv
 {
     ScopedEnv(const char *name, const char *value) : name(name), had(qEnvironmentVariableIsSet(name)), old(qgetenv(name))
-    {
-        value ? qputenv(name, value) : qunsetenv(name);
-    }
+    { value ? qputenv(name, value) : qunsetenv(name); }
     ~ScopedEnv() { had ? qputenv(name, old) : qunsetenv(name); }
     const char *name;
     const bool had;

@@ -1,7 +1,5 @@
 #include "SyncTestUtil.h"
 
-#include "kestrel/BinaryData.h"
-
 using Loomy::LoomySessionAttribute;
 
 namespace {

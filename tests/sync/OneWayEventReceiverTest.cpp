@@ -1,7 +1,6 @@
 #include "SyncTestUtil.h"
 
 #include "loomy/sync/OneWayEventReceiver.h"
-#include "kestrel/BinaryData.h"
 
 #include <stdexcept>
 
@@ -15,7 +14,7 @@ TEST(OneWayEventReceiver, EventsReachTheHandlerInOrderWithTheirExactPayloads)
     symbols.define("blob", "blob", 41);
     Loomy::OneWayEventReceiver receiver{symbols};
     QList<QByteArray> calls;
-    receiver.m_handler = [&](const QByteArray &name, Kestrel::BinaryData &data) { calls << name + ':' + QByteArray(data.data(), int(data.total())).toHex(); };
+    receiver.m_handler = [&](const QByteArray &name, Kestrel::BinaryData &data) { calls << name + ':' + hexOf(data); };
     feed(receiver, Body().entry(41, "\x01\x02\x03\x04\x05").entry(77, "lost").entry(40, "").entry(41, QByteArray(4, '\0')), EventType);
     EXPECT_EQ(calls, (QList<QByteArray>{"blob:0102030405", "ping:", "blob:00000000"}));
     EXPECT_EQ(trace.lines(Kestrel::Trace::Level::Warning), QStringList{"OneWayEventReceiver::handleBundle # Symbol 77 not found"});

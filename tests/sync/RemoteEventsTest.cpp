@@ -9,8 +9,6 @@ using Loomy::RemoteNode;
 
 namespace {
 
-QByteArray hexOf(const BinaryData &data) { return QByteArray(data.data(), int(data.total())).toHex(); }
-
 // Notes what passes its eventProcess: "<name> remote|local <payload in hex>".
 class RecordingNode : public RemoteNode
 {
@@ -23,24 +21,6 @@ public:
     }
     QStringList processed;
 };
-
-// A begin ('B': id, name, slice size, total) or a slice ('S': id, index, bytes), from a source.
-struct Step { char kind; long source; int id, n; QByteArray text; long total = 0; };
-BinaryData build(const Step &s)
-{
-    BinaryData d;
-    d.writeInt32(s.id);
-    if (s.kind == 'B') {
-        d.writeString(s.text.constData());
-        d.writeInt32(s.n);
-        d.writeInt64(s.total);
-    } else {
-        d.writeInt32(s.n);
-        d.writeBlob(s.text.constData(), s.text.size());
-    }
-    d.rewind();
-    return d;
-}
 
 class RemoteEventsTest : public ::testing::Test
 {

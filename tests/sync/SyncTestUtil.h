@@ -7,6 +7,7 @@
 #include "loomy/sync/NodeChangeSender.h"
 #include "loomy/sync/RemoteNode.h"
 #include "loomy/types/TypeRegistry.h"
+#include "kestrel/BinaryData.h"
 #include "kestrel/SymbolRegistry.h"
 #include "tamarack/AttributeT.h"
 
@@ -39,25 +40,11 @@ class Body
 {
 public:
     template <typename T>
-    Body &operator<<(T word)
-    {
-        static_assert(sizeof(T) == 4, "one word");
-        m_bytes.append(reinterpret_cast<const char *>(&word), 4);
-        return *this;
-    }
+    Body &operator<<(T word) { static_assert(sizeof(T) == 4, "one word"); return raw(QByteArray(reinterpret_cast<const char *>(&word), 4)); }
     // Length word, bytes, zero padding to 4: a string value, an event payload.
-    Body &block(const QByteArray &bytes)
-    {
-        *this << quint32(bytes.size());
-        m_bytes += bytes + QByteArray((4 - bytes.size() % 4) % 4, '\0');
-        return *this;
-    }
+    Body &block(const QByteArray &bytes) { return (*this << quint32(bytes.size())).raw(bytes + QByteArray((4 - bytes.size() % 4) % 4, '\0')); }
     Body &entry(quint32 symbol, const QByteArray &bytes) { return (*this << symbol).block(bytes); } // a symbol or event record
-    Body &raw(const QByteArray &bytes)
-    {
-        m_bytes += bytes;
-        return *this;
-    }
+    Body &raw(const QByteArray &bytes) { m_bytes += bytes; return *this; }
     const QByteArray &bytes() const { return m_bytes; }
     // The whole bundle in hex: size, message type, id, acknowledged id, body.
     std::string bundle(quint32 type, quint32 id, quint32 ack = 0) const
@@ -71,6 +58,25 @@ private:
 
 inline std::string hex(const QByteArray &bytes) { return bytes.toHex(' ').toStdString(); }
 inline std::string hex(const Loomy::Bundle &bundle) { return hex(bundle.data()); }
+inline QByteArray hexOf(const Kestrel::BinaryData &data) { return QByteArray(data.data(), int(data.total())).toHex(); }
+
+// A begin ('B': id, name, slice size, total) or a slice ('S': id, index, bytes) of a sliced event, from a source.
+struct Step { char kind; long source; int id, n; QByteArray text; long total = 0; };
+inline Kestrel::BinaryData build(const Step &s)
+{
+    Kestrel::BinaryData d;
+    d.writeInt32(s.id);
+    if (s.kind == 'B') {
+        d.writeString(s.text.constData());
+        d.writeInt32(s.n);
+        d.writeInt64(s.total);
+    } else {
+        d.writeInt32(s.n);
+        d.writeBlob(s.text.constData(), s.text.size());
+    }
+    d.rewind();
+    return d;
+}
 
 // Hands a body to a receiver as one bundle, which must be read to its end (or to stopAt).
 template <typename Receiver>

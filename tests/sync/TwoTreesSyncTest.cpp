@@ -15,6 +15,7 @@
 #include <cmath>
 #include <algorithm>
 #include <functional>
+#include <numeric>
 #include <random>
 #include <tuple>
 #include <utility>
@@ -26,8 +27,6 @@ using FloatAttr = Tamarack::AttributeT<float>;
 using Crossed = std::pair<int, int>; // bundles of one type sent to the right, to the left
 
 namespace {
-
-QByteArray hexOf(const Kestrel::BinaryData &data) { return QByteArray(data.data(), int(data.total())).toHex(); }
 
 // Notes every event it receives from the other side, as "name:payload in hex".
 class RecordingNode : public RemoteNode
@@ -85,24 +84,11 @@ protected:
 };
 
 // typeId: what the receiving side reports for its copy.
-struct TypeCase { const char *name; unsigned typeId; std::function<void(Node *host, const QByteArray &name)> make; };
-template <typename T>
-std::function<void(Node *, const QByteArray &)> plain(T value)
-{
-    return [value](Node *host, const QByteArray &name) { new Tamarack::AttributeT<T>(host, name, value); };
-}
-template <typename C>
-std::function<void(Node *, const QByteArray &)> container(C value)
-{
-    return [value](Node *host, const QByteArray &name) { (new Tamarack::AttributeContainer<C>(host, name))->set(value); };
-}
-Kestrel::MemGrid8u grid3x2()
-{
-    Kestrel::MemGrid8u grid(3, 2);
-    for (unsigned i = 0; i < 6; ++i)
-        grid.data()[i] = static_cast<unsigned char>(10 + i);
-    return grid;
-}
+using Make = std::function<void(Node *host, const QByteArray &name)>;
+struct TypeCase { const char *name; unsigned typeId; Make make; };
+template <typename T> Make plain(T value) { return [value](Node *host, const QByteArray &name) { new Tamarack::AttributeT<T>(host, name, value); }; }
+template <typename C> Make container(C value) { return [value](Node *host, const QByteArray &name) { (new Tamarack::AttributeContainer<C>(host, name))->set(value); }; }
+Kestrel::MemGrid8u grid3x2() { Kestrel::MemGrid8u grid(3, 2); std::iota(grid.data(), grid.data() + 6, static_cast<unsigned char>(10)); return grid; }
 const TypeCase s_typeCases[] = {
     {"Bool", 1, plain(true)}, {"Float", 3, plain(1.25f)}, {"Double", 4, plain(-2.5e100)}, {"Int", 9, plain(-77)},
     {"Color", 2, plain(Kestrel::Color(0.1f, 0.2f, 0.3f, 0.4f))}, {"ColorPma", 48, plain(Kestrel::ColorPMA(0.5f, 0.25f, 0.125f, 0.5f))},
@@ -175,7 +161,7 @@ protected:
 };
 
 // Value kinds of fixed and dynamic size, each set to a value of its own for each generation g.
-struct KindCase { const char *name; std::function<void(Node *, const QByteArray &)> make; std::function<void(Attribute *, int)> set; };
+struct KindCase { const char *name; Make make; std::function<void(Attribute *, int)> set; };
 template <typename A, typename F>
 KindCase kind(const char *name, F value)
 {
@@ -469,21 +455,13 @@ TEST_F(TwoTreesSyncTest, TwoPeersOfOneNodeKeepTheirSlicedEventsApart)
     RecordingNode *peers[2] = {&right, &other};
     const int sliceSize = 8, slices = 3;
     for (int p = 0; p < 2; ++p) {
-        Kestrel::BinaryData begin;
-        begin.writeInt32(0);
-        begin.writeString("big");
-        begin.writeInt32(sliceSize);
-        begin.writeInt64(payloads[p].size());
+        Kestrel::BinaryData begin = build({'B', 0, 0, sliceSize, "big", payloads[p].size()});
         peers[p]->eventProcess("event-slice-begin", begin);
     }
     for (int i = 0; i < slices; ++i) {
         frames(1);
         for (int p = 0; p < 2; ++p) {
-            Kestrel::BinaryData slice;
-            slice.writeInt32(0);
-            slice.writeInt32(i);
-            const QByteArray bytes = payloads[p].mid(i * sliceSize, sliceSize);
-            slice.writeBlob(bytes.constData(), bytes.size());
+            Kestrel::BinaryData slice = build({'S', 0, 0, i, payloads[p].mid(i * sliceSize, sliceSize)});
             peers[p]->eventProcess("event-slice", slice);
         }
     }

@@ -21,10 +21,7 @@ using Ints = std::vector<int>;
 template <typename A>
 struct ValueLog
 {
-    explicit ValueLog(A &a) : attr(a)
-    {
-        a.addListener([this] { seen.push_back(attr.value()); }, Attribute::CHANGE_ROLE);
-    }
+    explicit ValueLog(A &a) : attr(a) { a.addListener([this] { seen.push_back(attr.value()); }, Attribute::CHANGE_ROLE); }
     A &attr;
     std::vector<std::decay_t<decltype(std::declval<A &>().value())>> seen;
 };
@@ -37,10 +34,4 @@ struct ChangeCount
 };
 
 // One 32-bit integer item, rewound for reading.
-inline Kestrel::BinaryData intItem(int value)
-{
-    Kestrel::BinaryData data;
-    data.writeInt32(value);
-    data.rewind();
-    return data;
-}
+inline Kestrel::BinaryData intItem(int value) { Kestrel::BinaryData data; data.writeInt32(value); data.rewind(); return data; }

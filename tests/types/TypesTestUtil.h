@@ -40,9 +40,6 @@ inline unsigned deserialize(const Loomy::TypeRegistry &registry, unsigned typeId
 // Counts the CHANGE_ROLE emissions of one attribute.
 struct ChangeCounter
 {
-    explicit ChangeCounter(Tamarack::Attribute &attribute)
-    {
-        attribute.addListener([this] { ++count; }, Tamarack::Attribute::CHANGE_ROLE);
-    }
+    explicit ChangeCounter(Tamarack::Attribute &attribute) { attribute.addListener([this] { ++count; }, Tamarack::Attribute::CHANGE_ROLE); }
     int count = 0;
 };

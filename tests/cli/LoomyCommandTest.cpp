@@ -425,7 +425,8 @@ TEST_F(LoomyCommand, ClientReconnectsToARestartedServerAndTheTreesEndEqual)
                    port, port);
     const auto listening = std::chrono::steady_clock::now();
     ASSERT_TRUE(frames([&] { return client->hasSession(); }));
-    EXPECT_LT(std::chrono::steady_clock::now() - listening, std::chrono::milliseconds(3500));
+    using std::chrono::milliseconds;
+    EXPECT_LT(std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - listening).count(), 3500);
 
     const QStringList expected = {"client/gain=float:0.75", "scene/frame=double:2", "scene/title=string:second"};
     EXPECT_TRUE(frames([&] { return dumpOf(*node) == expected && server->out().contains("+ client/gain float 0.75"); }))

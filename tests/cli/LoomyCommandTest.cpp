@@ -1,5 +1,12 @@
 // The loomy program as a user runs it: real processes over 127.0.0.1, ports chosen by the system,
 // every wait bounded.
+#include "cli/ValueText.h"
+#include "examples/Peer.h"
+#include "loomy/types/TypeRegistry.h"
+
+#include "tamarack/AttributeT.h"
+#include "tamarack/Node.h"
+
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -9,15 +16,18 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
+#include <thread>
 
 namespace {
 
 // One running loomy. Output is collected as it comes.
-class Loomy
+class LoomyProcess
 {
 public:
-    Loomy(const QStringList &args, const QString &home)
+    LoomyProcess(const QStringList &args, const QString &home)
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("HOME", home);   // the checksum cache lives there
@@ -27,7 +37,7 @@ public:
         m_process.start(LOOMY_EXECUTABLE, args);
         m_process.waitForStarted(10000);
     }
-    ~Loomy()
+    ~LoomyProcess()
     {
         if (m_process.state() != QProcess::NotRunning) {
             m_process.kill();
@@ -66,6 +76,18 @@ public:
         m_process.terminate();
         return finish();
     }
+    void kill()   // SIGKILL: no clean stop, no output any more
+    {
+        m_process.kill();
+        m_process.waitForFinished(10000);
+    }
+    // Takes in the complete lines that have come, without waiting.
+    void poll()
+    {
+        m_process.waitForReadyRead(0);
+        while (m_process.canReadLine())
+            m_out += QString::fromUtf8(m_process.readLine());
+    }
     QStringList out() const { return m_out.split('\n', Qt::SkipEmptyParts); }
     QString err() const { return m_err; }
     QString lastErrLine() const
@@ -82,14 +104,22 @@ private:
 class LoomyCommand : public ::testing::Test
 {
 protected:
-    std::unique_ptr<Loomy> run(QStringList args) { return std::make_unique<Loomy>(args, m_home.path()); }
-    // A server that has printed its port, or a failed assertion.
-    std::unique_ptr<Loomy> serve(QStringList args, int &port)
+    std::unique_ptr<LoomyProcess> run(QStringList args) { return std::make_unique<LoomyProcess>(args, m_home.path()); }
+    // A server that has printed its port, or a failed assertion. at: the port to take, 0 any.
+    std::unique_ptr<LoomyProcess> serve(QStringList args, int &port, int at = 0)
     {
-        auto server = run(QStringList{"serve", "--port", "0"} + args);
+        auto server = run(QStringList{"serve", "--port", QString::number(at)} + args);
         port = server->port();
         EXPECT_GT(port, 0) << qPrintable(server->err());
         return server;
+    }
+    QString writeTree(const char *name, const char *json)
+    {
+        const QString path = m_home.filePath(name);
+        QFile file(path);
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(json);
+        return path;
     }
     static QString at(int port) { return "127.0.0.1:" + QString::number(port); }
     static QStringList lines(const QStringList &out, const QString &prefix)
@@ -113,6 +143,24 @@ const QStringList s_sceneDump = {
     "scene/title=string:Harbour at dusk",
 };
 
+// The tree below node as --dump prints it.
+QStringList dumpOf(Tamarack::Node &node, const QByteArray &prefix = QByteArray())
+{
+    static const Loomy::TypeRegistry s_types;
+    const LoomyCli::ValueText text(s_types);
+    QStringList out;
+    for (const auto &child : node.attributes()) {
+        unsigned id = 0;
+        QString value;
+        if (auto *inner = dynamic_cast<Tamarack::Node *>(child.second))
+            out += dumpOf(*inner, prefix + child.first + '/');
+        else if (text.describe(child.second, id, value))
+            out << QString::fromUtf8(prefix + child.first) + '=' + text.typeName(id) + ':' + value;
+    }
+    out.sort();
+    return out;
+}
+
 } // namespace
 
 // The tree goes from the side that has it to the side that expects it, whichever side serves.
@@ -130,7 +178,7 @@ TEST_F(LoomyCommand, TreeReachesTheExpectingSideInBothDirections)
                           + (treeOnServer ? expects + QStringList{"--event", "thanks=got it"} : tree));
         EXPECT_EQ(client->finish(), 0) << qPrintable(client->err());
         EXPECT_EQ(server->finish(), 0) << qPrintable(server->err());
-        Loomy &expecting = treeOnServer ? *client : *server;
+        LoomyProcess &expecting = treeOnServer ? *client : *server;
         EXPECT_EQ(lines(expecting.out(), "scene/"), s_sceneDump);
         if (treeOnServer) {
             const QString title = R"({"op":"+","path":"scene/title","type":"string","value":"Harbour at dusk"})";
@@ -268,14 +316,8 @@ TEST_F(LoomyCommand, BadArgumentsGiveStatusTwoAndOneLine)
 // side's value ends on both sides. The server is authoritative by default; each side can turn it.
 TEST_F(LoomyCommand, AuthoritativeSideWinsAtFirstContact)
 {
-    const auto tree = [this](const char *name, int frame) {
-        const QString path = m_home.filePath(name);
-        QFile file(path);
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(QString(R"({"scene": {"frame": %1}})").arg(frame).toUtf8());
-        return path;
-    };
-    const QString serverTree = tree("server.json", 1), clientTree = tree("client.json", 2);
+    const QString serverTree = writeTree("server.json", R"({"scene": {"frame": 1}})");
+    const QString clientTree = writeTree("client.json", R"({"scene": {"frame": 2}})");
     for (const bool serverWins : {true, false}) {
         SCOPED_TRACE(serverWins ? "server authoritative" : "client authoritative");
         const QString winner = serverWins ? "scene/frame=double:1" : "scene/frame=double:2";
@@ -340,4 +382,64 @@ TEST_F(LoomyCommand, TapPrintsDecodedTrafficWhileTheTreesEndEqual)
     EXPECT_FALSE(out.filter(QRegularExpression("^1 c>s bundle #\\d+ ack \\d+ type \\d+ \\(Orchardlines.Loomy.AttributeNew\\)")).isEmpty())
         << qPrintable(text);
     EXPECT_TRUE(out.filter("undecodable").isEmpty()) << qPrintable(text);
+}
+
+// The server process is killed and started again on its port, with another tree, while an
+// application (this test, one session per connection) is connected and changes its tree in
+// between. The client is back within its retry period, and the new session leaves both trees
+// equal, with the server's values where both hold an attribute.
+TEST_F(LoomyCommand, ClientReconnectsToARestartedServerAndTheTreesEndEqual)
+{
+    int port = 0;
+    auto server = serve({"--tree", writeTree("first.json", R"({"scene": {"frame": 1, "title": "first"}})"), "--watch"}, port);
+    ASSERT_GT(port, 0);
+    Tamarack::Node root;
+    auto *node = new Loomy::RemoteNode(&root, "shared");
+    auto *gain = new Tamarack::AttributeT<float>;
+    node->addDeepAttribute("client/gain", gain);
+    gain->setValue(0.5f);
+    auto client = std::make_shared<Peer>(nullptr, *node);
+    client->connectToHost("127.0.0.1", port);
+    // Frames of the client until the condition holds, taking in the server's output meanwhile.
+    const auto frames = [&](const std::function<bool()> &condition) {
+        for (const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+             std::chrono::steady_clock::now() < until;) {
+            Tamarack::Node::runHostUpdate();
+            server->poll();
+            if (condition())
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return false;
+    };
+    ASSERT_TRUE(frames([&] {
+        return dumpOf(*node).contains("scene/title=string:first") && server->out().contains("+ client/gain float 0.5");
+    })) << qPrintable(dumpOf(*node).join('\n') + "\n--- server ---\n" + server->out().join('\n'));
+
+    server->kill();
+    ASSERT_TRUE(frames([&] { return !client->hasSession(); }));
+    gain->setValue(0.75f);
+    dynamic_cast<Tamarack::AttributeT<double> &>(*node->attribute("scene")->attribute("frame")).setValue(9.0);
+    server = serve({"--tree", writeTree("second.json", R"({"scene": {"frame": 2, "title": "second"}})"), "--watch",
+                    "--dump"},
+                   port, port);
+    const auto listening = std::chrono::steady_clock::now();
+    ASSERT_TRUE(frames([&] { return client->hasSession(); }));
+    using std::chrono::milliseconds;
+    EXPECT_LT(std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - listening).count(), 3500);
+
+    const QStringList expected = {"client/gain=float:0.75", "scene/frame=double:2", "scene/title=string:second"};
+    EXPECT_TRUE(frames([&] { return dumpOf(*node) == expected && server->out().contains("+ client/gain float 0.75"); }))
+        << qPrintable(dumpOf(*node).join('\n') + "\n--- server ---\n" + server->out().join('\n'));
+    int settle = 30;   // whatever else is under way lands within a few frames more
+    frames([&] { return --settle == 0; });
+    EXPECT_EQ(server->terminate(), 0) << qPrintable(server->err());
+    EXPECT_EQ((lines(server->out(), "client/") + lines(server->out(), "scene/")).join('\n'), expected.join('\n'));
+    EXPECT_EQ(dumpOf(*node).join('\n'), expected.join('\n'));
+
+    client->stop();
+    client->waitEnd(0);
+    client->dropSession();
+    client.reset();
+    Tamarack::Node::runHostUpdate();
 }

@@ -2,7 +2,8 @@
 // The fuzzer's end of a connection: a socket pair, the other end handed to a ConnectionThread.
 // What the connection writes is read and thrown away on a thread of its own, so that it never
 // blocks on a full socket while the input is still being written. That thread serves every
-// input of the process: a thread started and joined per input costs more than the input.
+// input of the process, one Peer at a time: a thread started and joined per input costs more
+// than the input.
 #include "kestrel/TCPSocket.h"
 
 #include <QByteArray>

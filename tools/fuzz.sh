@@ -13,7 +13,7 @@ tools/deps.sh clang cmake ninja-build qtbase5-dev
 
 build_dir="${BUILD_DIR:-build-fuzz}"
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(receive_fuzz types_fuzz stream_fuzz login_fuzz)
+[ ${#targets[@]} -gt 0 ] || targets=(receive_fuzz types_fuzz stream_fuzz login_fuzz tree_fuzz)
 
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)

@@ -15,7 +15,7 @@ namespace Tamarack { class Attribute; class Node; }
 //                 list (also when empty), an array of numbers a float list. null is refused.
 //   --set         PATH=TYPE:VALUE, PATH with / between names.
 //   --dump        the tree's leaves as PATH=TYPE:VALUE lines, sorted by path, which --set reads
-//                 back.
+//                 back; except where a name holds "=", which only a tree file can give.
 //
 // Threads: whichever thread owns the tree; nothing here keeps state.
 namespace LoomyCli {

@@ -28,12 +28,13 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 namespace {
 
 const QByteArray s_original = "the original bytes of /a.txt\n";
 
-QTemporaryDir *s_home = nullptr;
+std::unique_ptr<QTemporaryDir> s_home;   // removed at exit
 QString s_root;
 
 // The asset root as each input finds it: /a.txt alone, as it was, with the same time as ever. One
@@ -108,7 +109,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     Kestrel::Trace::setHook([](Kestrel::Trace::Level, const QString &) {});
     // Scans keep a cache under the user's settings: one of this process, not the user's.
-    s_home = new QTemporaryDir;
+    s_home = std::make_unique<QTemporaryDir>();
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, s_home->path() + "/config");
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, s_home->path() + "/config");
     qputenv("XDG_DATA_HOME", (s_home->path() + "/data").toUtf8());

@@ -122,10 +122,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     resetRoot();
     const QByteArray input(reinterpret_cast<const char *>(data), int(size));
     {
-        Loomy::AssetBase assets(s_root);
-        assets.buildFileList(nullptr);
+        // As a server keeps one for all its connections; the scan forgets what the last input
+        // left in its lists, as the folder has been reset.
+        static Loomy::AssetBase *assets = new Loomy::AssetBase(s_root);
+        assets->buildFileList(nullptr);
         Fuzz::Peer peer;
-        auto handler = std::make_shared<Handler>(peer.socket(), assets, s_root);
+        auto handler = std::make_shared<Handler>(peer.socket(), *assets, s_root);
         peer.sendAndEnd("Lanternwick 2.14.4\n" + QByteArray(64, 'c') + "ok\n" + input);
         handler->serve();
         handler->controller->update();

@@ -145,6 +145,16 @@ protected:
         m_uploader->run();
         ASSERT_TRUE(eventually([&] { return m_downloader->isConnected() && m_uploader->isConnected(); }));
     }
+    // An uploader over a socket pair, and the scripted downloader's end of it, logged in.
+    std::unique_ptr<RawPeer> startUploader()
+    {
+        SocketPair pair;
+        m_uploader = std::make_unique<Handler>(pair.accepted, true, *m_upAssets);
+        m_uploader->run();
+        auto peer = std::make_unique<RawPeer>(pair.connecting);
+        loginAsClient(*peer);
+        return peer;
+    }
     // Requests the file and waits for the end of its download, whatever the outcome.
     void download(const QString &name)
     {
@@ -236,11 +246,8 @@ TEST_F(FileTransfer, UploaderWireBytes)
     writeFile(up("/big"), pattern(16777217, 3));
     makeAssets();
     writeFile(up("/late"), "abc");   // on disk, not yet in the file list
-    SocketPair pair;
-    m_uploader = std::make_unique<Handler>(pair.accepted, true, *m_upAssets);
-    m_uploader->run();
-    RawPeer peer(pair.connecting);
-    loginAsClient(peer);
+    const std::unique_ptr<RawPeer> uploader = startUploader();
+    RawPeer &peer = *uploader;
 
     peer.send("sendfileinfo \"/empty\"\nsendfileinfo \"/big\"\nsendfileinfo \"/late\"\nsendparts \"/empty\"\n");
     EXPECT_EQ(command(peer), "fileinfo 0 \"/empty\" 0 " + md5Hex("").toLatin1());
@@ -263,11 +270,8 @@ TEST_F(FileTransfer, UploadTaskCallsNoOverrideOfTheSubclass)
 {
     writeFile(up("/two"), pattern(s_part + 1));
     makeAssets();
-    SocketPair pair;
-    m_uploader = std::make_unique<Handler>(pair.accepted, true, *m_upAssets);
-    m_uploader->run();
-    RawPeer peer(pair.connecting);
-    loginAsClient(peer);
+    const std::unique_ptr<RawPeer> uploader = startUploader();
+    RawPeer &peer = *uploader;
     peer.send("sendparts \"/two\"\n");
     EXPECT_EQ(command(peer), "filepart \"/two\" 65536 1");
     EXPECT_TRUE(peer.bytes(s_part) == pattern(s_part + 1).left(s_part));

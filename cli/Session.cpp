@@ -1,4 +1,5 @@
 #include "cli/Session.h"
+#include "cli/TreeFile.h"
 #include "cli/ValueText.h"
 
 #include "loomy/assets/AssetBase.h"
@@ -17,7 +18,6 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
@@ -29,7 +29,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -85,27 +84,6 @@ struct Shared
     double lastRoundTrip = -1.0;
     bool progressOnTerminal = false;
 };
-
-// NAME=REST, split at the first "="; false without a name before it.
-bool splitAssignment(const QString &text, QByteArray &left, QString &right)
-{
-    const int equals = text.indexOf('=');
-    if (equals <= 0)
-        return false;
-    left = text.left(equals).toUtf8();
-    right = text.mid(equals + 1);
-    return true;
-}
-
-Tamarack::Attribute *find(Tamarack::Node &root, const QByteArray &path)
-{
-    Tamarack::Attribute *at = &root;
-    for (const QByteArray &name : path.split('/')) {
-        auto *node = dynamic_cast<Tamarack::Node *>(at);
-        at = node ? node->attribute(name) : nullptr;
-    }
-    return at;
-}
 
 QString eventText(Kestrel::BinaryData data)
 {
@@ -232,7 +210,6 @@ private:
     int usage(const QString &text);
     bool parseOptions(QString &error);
     bool loadTree(QString &error);
-    bool addLeaf(const QByteArray &path, const QJsonValue &value, QString &error);
     bool apply(const Change &change, QString &error);
     bool met(const Goal &goal, QString &failure);
     void watch(const Loomy::NodeWatcher::Event &event);
@@ -385,17 +362,8 @@ bool Session::parseOptions(QString &error)
 {
     for (const QString &set : m_options.sets) {
         Change c{Change::Set, {}, 0, {}};
-        QString typed;
-        if (!splitAssignment(set, c.path, typed) || !m_text.splitTyped(typed, c.typeId, c.value)) {
-            error = QStringLiteral("--set %1: expected PATH=TYPE:VALUE with a known TYPE").arg(set);
+        if (!parseSet(m_text, set, c.path, c.typeId, c.value, error))
             return false;
-        }
-        QByteArray probe;
-        Loomy::BundleWriterCore writer(probe);
-        if (!m_text.write(c.typeId, c.value, writer, &error)) {
-            error = QStringLiteral("--set %1: %2").arg(set, error);
-            return false;
-        }
         m_changes.push_back(c);
     }
     for (const QString &path : m_options.removes)
@@ -441,82 +409,6 @@ bool Session::parseOptions(QString &error)
     return true;
 }
 
-bool Session::addLeaf(const QByteArray &path, const QJsonValue &value, QString &error)
-{
-    unsigned typeId = 0;
-    QString text;
-    if (value.isObject()) {
-        const QJsonObject typed = value.toObject();
-        const QJsonValue type = typed.value("type"), v = typed.value("value");
-        typeId = m_text.typeId(type.isDouble() ? QString::number(type.toInt()) : type.toString());
-        if (!typeId) {
-            error = QStringLiteral("%1: unknown type").arg(QString::fromUtf8(path));
-            return false;
-        }
-        if (v.isString()) {
-            text = v.toString();
-        } else if (v.isBool()) {
-            text = v.toBool() ? "true" : "false";
-        } else if (v.isDouble()) {
-            text = QString::number(v.toDouble(), 'g', 17);
-        } else if (v.isArray()) {
-            // Lists keep their JSON form; components of a vector are joined by commas.
-            const QJsonArray array = v.toArray();
-            QStringList parts;
-            bool numbers = true;
-            for (const QJsonValue &e : array) {
-                numbers = numbers && e.isDouble();
-                parts << QString::number(e.toDouble(), 'g', 17);
-            }
-            QString probeError;
-            QByteArray probe;
-            Loomy::BundleWriterCore writer(probe);
-            text = QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
-            if (numbers && !m_text.write(typeId, text, writer, &probeError))
-                text = parts.join(',');
-        } else {
-            error = QStringLiteral("%1: a typed leaf needs a value").arg(QString::fromUtf8(path));
-            return false;
-        }
-    } else if (value.isDouble()) {
-        typeId = 4;
-        text = QString::number(value.toDouble(), 'g', 17);
-    } else if (value.isBool()) {
-        typeId = 1;
-        text = value.toBool() ? "true" : "false";
-    } else if (value.isString()) {
-        typeId = 35;
-        text = value.toString();
-    } else if (value.isArray()) {
-        const QJsonArray array = value.toArray();
-        bool strings = true, numbers = true;
-        for (const QJsonValue &e : array) {
-            strings = strings && e.isString();
-            numbers = numbers && e.isDouble();
-        }
-        if (!strings && !numbers) {
-            error = QStringLiteral("%1: an array must hold only strings or only numbers").arg(QString::fromUtf8(path));
-            return false;
-        }
-        typeId = strings ? 36 : 40;   // an empty array is a string list
-        text = QString::fromUtf8(QJsonDocument(array).toJson(QJsonDocument::Compact));
-    } else {
-        error = QStringLiteral("%1: null is not a value").arg(QString::fromUtf8(path));
-        return false;
-    }
-    Tamarack::Attribute *attribute = m_text.create(typeId, text, &error);
-    if (!attribute) {
-        error = QString::fromUtf8(path) + ": " + error;
-        return false;
-    }
-    if (!m_node->addDeepAttribute(path, attribute)) {
-        delete attribute;
-        error = QStringLiteral("%1: can't be added").arg(QString::fromUtf8(path));
-        return false;
-    }
-    return true;
-}
-
 bool Session::loadTree(QString &error)
 {
     QFile file(m_options.treeFile);
@@ -524,32 +416,7 @@ bool Session::loadTree(QString &error)
         error = QStringLiteral("--tree %1: %2").arg(m_options.treeFile, file.errorString());
         return false;
     }
-    QJsonParseError parseError;
-    const QJsonDocument doc = QJsonDocument::fromJson(file.readAll(), &parseError);
-    if (!doc.isObject()) {
-        error = QStringLiteral("--tree %1: not a JSON object (%2)").arg(m_options.treeFile, parseError.errorString());
-        return false;
-    }
-    // Objects are nodes, unless they are typed leaves.
-    std::function<bool(const QByteArray &, const QJsonObject &)> walk = [&](const QByteArray &prefix,
-                                                                            const QJsonObject &object) {
-        for (auto it = object.begin(); it != object.end(); ++it) {
-            const QByteArray path = prefix + it.key().toUtf8();
-            const bool typedLeaf = it->isObject() && it->toObject().contains("type");
-            if (it->isObject() && !typedLeaf) {
-                if (it->toObject().isEmpty() && !m_node->addNode(path, new Tamarack::Node)) {
-                    error = QStringLiteral("%1: can't be added").arg(QString::fromUtf8(path));
-                    return false;
-                }
-                if (!walk(path + '/', it->toObject()))
-                    return false;
-            } else if (!addLeaf(path, *it, error)) {
-                return false;
-            }
-        }
-        return true;
-    };
-    if (!walk(QByteArray(), doc.object())) {
+    if (!LoomyCli::loadTree(m_text, file.readAll(), *m_node, error)) {
         error = QStringLiteral("--tree %1: %2").arg(m_options.treeFile, error);
         return false;
     }
@@ -559,30 +426,11 @@ bool Session::loadTree(QString &error)
 bool Session::apply(const Change &change, QString &error)
 {
     switch (change.kind) {
-    case Change::Set: {
-        Tamarack::Attribute *attribute = find(*m_node, change.path);
-        if (attribute && !dynamic_cast<Tamarack::Node *>(attribute)) {
-            unsigned id = 0;
-            QString old;
-            // The same type takes the value in place; another type replaces the attribute.
-            if (m_text.describe(attribute, id, old) && id == change.typeId)
-                return m_text.assign(attribute, change.typeId, change.value, &error);
-            delete attribute;
-        } else if (attribute) {
-            error = QStringLiteral("%1 is a node").arg(QString::fromUtf8(change.path));
-            return false;
-        }
-        Tamarack::Attribute *created = m_text.create(change.typeId, change.value, &error);
-        if (created && m_node->addDeepAttribute(change.path, created))
-            return true;
-        delete created;
-        if (error.isEmpty())
-            error = QStringLiteral("%1 can't be added").arg(QString::fromUtf8(change.path));
-        return false;
-    }
+    case Change::Set:
+        return applySet(m_text, *m_node, change.path, change.typeId, change.value, error);
     case Change::Remove:
         if (!change.path.isEmpty())
-            delete find(*m_node, change.path);   // an attribute leaves its host when deleted
+            delete findAttribute(*m_node, change.path);   // an attribute leaves its host when deleted
         return true;
     case Change::Event: {
         Kestrel::BinaryData data;
@@ -648,7 +496,7 @@ void Session::watch(const Loomy::NodeWatcher::Event &event)
     switch (event.type) {
     case E::ATTRIBUTE_ADDED:
     case E::ATTRIBUTE_CHANGED:
-        if (Tamarack::Attribute *attribute = find(*m_node, path))
+        if (Tamarack::Attribute *attribute = findAttribute(*m_node, path))
             printChange(event.type == E::ATTRIBUTE_ADDED ? '+' : '~', path, attribute);
         break;
     case E::ATTRIBUTE_REMOVED:
@@ -664,7 +512,7 @@ bool Session::met(const Goal &goal, QString &failure)
 {
     switch (goal.kind) {
     case Goal::Value: {
-        Tamarack::Attribute *attribute = find(*m_node, goal.path);
+        Tamarack::Attribute *attribute = findAttribute(*m_node, goal.path);
         unsigned id = 0, expectedId = 0;
         QString text, expected = goal.value, error;
         if (!attribute || !m_text.describe(attribute, id, text))
@@ -678,7 +526,7 @@ bool Session::met(const Goal &goal, QString &failure)
                && want == have;
     }
     case Goal::Absent:
-        return find(*m_node, goal.path) == nullptr;
+        return findAttribute(*m_node, goal.path) == nullptr;
     case Goal::Event:
         for (const auto &event : m_events)
             if (event.first == goal.path && (!goal.hasValue || event.second == goal.value))
@@ -729,24 +577,8 @@ void Session::requestFetches(PeerConnection &peer)
 
 void Session::dump()
 {
-    std::map<QByteArray, QString> lines;
-    std::function<void(Tamarack::Node &, const QByteArray &)> collect = [&](Tamarack::Node &node,
-                                                                           const QByteArray &prefix) {
-        for (const auto &child : node.attributes()) {
-            if (!child.second)
-                continue;
-            const QByteArray path = prefix + child.first;
-            unsigned id = 0;
-            QString text;
-            if (auto *inner = dynamic_cast<Tamarack::Node *>(child.second))
-                collect(*inner, path + '/');
-            else if (m_text.describe(child.second, id, text))
-                lines[path] = m_text.typeName(id) + ':' + text;
-        }
-    };
-    collect(*m_node, QByteArray());
-    for (const auto &line : lines)
-        std::printf("%s=%s\n", line.first.constData(), qUtf8Printable(line.second));
+    for (const QByteArray &line : dumpTree(m_text, *m_node))
+        std::printf("%s\n", line.constData());
     std::fflush(stdout);
 }
 

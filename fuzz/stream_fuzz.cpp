@@ -18,6 +18,7 @@
 #include "kestrel/Trace.h"
 
 #include <QCryptographicHash>
+#include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -27,12 +28,33 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 
 namespace {
 
 const QByteArray s_original = "the original bytes of /a.txt\n";
 
-QTemporaryDir *s_home = nullptr;
+std::unique_ptr<QTemporaryDir> s_home;   // removed at exit
+QString s_root;
+
+// The asset root as each input finds it: /a.txt alone, as it was, with the same time as ever. One
+// root for the whole run, so that the scans' cache stays one small entry that matches the folder:
+// no input pays for hashing or for writing the cache, and the cache doesn't grow with every input.
+// Most inputs leave the root as they found it; then nothing is written.
+void resetRoot()
+{
+    const QDateTime time = QDateTime::fromSecsSinceEpoch(1000000000);
+    QFile file(s_root + "/a.txt");
+    const QStringList names = QDir(s_root).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    if (names == QStringList{"a.txt"} && file.fileTime(QFileDevice::FileModificationTime) == time &&
+        file.open(QIODevice::ReadOnly) && file.readAll() == s_original)
+        return;
+    file.close();
+    if (!QDir(s_root).removeRecursively() || !QDir().mkpath(s_root) || !file.open(QIODevice::WriteOnly) ||
+        file.write(s_original) != s_original.size() || !file.flush() ||
+        !file.setFileTime(time, QFileDevice::FileModificationTime))
+        std::abort();
+}
 
 class Handler : public Loomy::FileTransferHandler
 {
@@ -87,27 +109,25 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     Kestrel::Trace::setHook([](Kestrel::Trace::Level, const QString &) {});
     // Scans keep a cache under the user's settings: one of this process, not the user's.
-    s_home = new QTemporaryDir;
+    s_home = std::make_unique<QTemporaryDir>();
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, s_home->path() + "/config");
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, s_home->path() + "/config");
     qputenv("XDG_DATA_HOME", (s_home->path() + "/data").toUtf8());
+    s_root = s_home->path() + "/assets";
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    QTemporaryDir root;
-    {
-        QFile file(root.path() + "/a.txt");
-        if (!file.open(QIODevice::WriteOnly) || file.write(s_original) != s_original.size())
-            std::abort();
-    }
+    resetRoot();
     const QByteArray input(reinterpret_cast<const char *>(data), int(size));
     {
-        Loomy::AssetBase assets(root.path());
-        assets.buildFileList(nullptr);
+        // As a server keeps one for all its connections; the scan forgets what the last input
+        // left in its lists, as the folder has been reset.
+        static Loomy::AssetBase *assets = new Loomy::AssetBase(s_root);
+        assets->buildFileList(nullptr);
         Fuzz::Peer peer;
-        auto handler = std::make_shared<Handler>(peer.socket(), assets, root.path());
+        auto handler = std::make_shared<Handler>(peer.socket(), *assets, s_root);
         peer.sendAndEnd("Lanternwick 2.14.4\n" + QByteArray(64, 'c') + "ok\n" + input);
         handler->serve();
         handler->controller->update();
@@ -115,7 +135,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         peer.close();
     }
 
-    QDirIterator it(root.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator it(s_root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString path = it.next();
         if (path.endsWith(".filesync.part")) {
@@ -123,7 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             std::abort();
         }
     }
-    const QByteArray now = readAll(root.path() + "/a.txt");
+    const QByteArray now = readAll(s_root + "/a.txt");
     const QByteArray md5 = QCryptographicHash::hash(now, QCryptographicHash::Md5).toHex();
     if (now != s_original && !input.toLower().contains(md5)) {
         std::fprintf(stderr, "/a.txt is neither the old file nor one announced by the sender\n");

@@ -13,7 +13,7 @@ tools/deps.sh clang cmake ninja-build qtbase5-dev
 
 build_dir="${BUILD_DIR:-build-fuzz}"
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(receive_fuzz types_fuzz stream_fuzz login_fuzz)
+[ ${#targets[@]} -gt 0 ] || targets=(receive_fuzz types_fuzz stream_fuzz login_fuzz tree_fuzz)
 
 launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
@@ -27,8 +27,11 @@ for target in "${targets[@]}"; do
     scratch="$build_dir/corpus/$name"
     mkdir -p "$scratch"
     echo "== $target for ${seconds}s"
+    # Leaks inside Qt that a target can reach, each explained in fuzz/<target>.lsan.supp.
+    suppressions=()
+    [ -f "fuzz/$name.lsan.supp" ] && suppressions=("LSAN_OPTIONS=suppressions=$PWD/fuzz/$name.lsan.supp")
     # -rss_limit_mb: an allocation the size guard should have refused is a finding too.
-    if ! "$build_dir/fuzz/$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=25 \
+    if ! env "${suppressions[@]}" "$build_dir/fuzz/$target" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=25 \
             -print_final_stats=1 -artifact_prefix="fuzz/findings/$name-" \
             "$scratch" "fuzz/corpus/$name"; then
         echo "$target: finding saved under fuzz/findings/ (replay: $build_dir/fuzz/$target <file>)" >&2

@@ -19,6 +19,8 @@
 #include <atomic>
 #include <climits>
 #include <cmath>
+#include <tuple>
+#include <utility>
 
 namespace Loomy {
 
@@ -74,9 +76,13 @@ public:
 
     Kestrel::Mutex uploadMutex;               // guards the next two; the task only tries it
     std::shared_ptr<FileUploadTask> uploadTask;
-    QList<QString> uploadQueue;
+    // Names with their full paths. The path is resolved when the name is queued, on the
+    // connection's thread: the task calls no override, since it may run while a subclass's
+    // destructor has already run and before this class's destructor has ended the task.
+    QList<std::pair<QString, QString>> uploadQueue;
 
     QString uploadName;                       // the task only
+    QString uploadPath;                       // the task only
     QFile uploadFile;                         // the task only
 
     // Connection thread only: a QRegExp keeps its captures in the object.
@@ -188,8 +194,9 @@ void FileTransferHandler::receiveFileInfo(QString name, long long size, long lon
 
 void FileTransferHandler::startFilePartsUploadTask(QString name)
 {
+    const QString path = assetRoot() + name;   // not under the mutex: an override may lock
     Kestrel::MutexLocker lock(m_d->uploadMutex);
-    m_d->uploadQueue.append(name);
+    m_d->uploadQueue.append({name, path});
     if (m_d->uploadTask)
         return;
     m_d->uploadTask = std::make_shared<FileUploadTask>(this);
@@ -286,7 +293,7 @@ int FileTransferHandler::sendFileParts()
         m_d->uploadMutex.unlock();
         return 2;
     }
-    m_d->uploadName = m_d->uploadQueue.takeFirst();
+    std::tie(m_d->uploadName, m_d->uploadPath) = m_d->uploadQueue.takeFirst();
     m_d->uploadMutex.unlock();
     startSendingfileParts();
     return 0;
@@ -294,7 +301,7 @@ int FileTransferHandler::sendFileParts()
 
 void FileTransferHandler::startSendingfileParts()
 {
-    m_d->uploadFile.setFileName(assetRoot() + m_d->uploadName);
+    m_d->uploadFile.setFileName(m_d->uploadPath);
     if (!m_d->uploadFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         Kestrel::Trace::error("FileTransferHandler::startSendingfileParts # Failed to open file '%s': %s",
                               qUtf8Printable(m_d->uploadFile.fileName()), qUtf8Printable(m_d->uploadFile.errorString()));

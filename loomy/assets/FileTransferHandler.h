@@ -34,7 +34,8 @@ class AssetBase;
 /// task, requests from any thread. downloadProgress() runs on the connection's thread.
 ///
 /// Lifetime: the assets object outlives the handler. A subclass calls stop() and waitEnd(0) in its
-/// own destructor, since the connection's thread calls its overrides.
+/// own destructor, since the connection's thread calls its overrides. The upload task calls none:
+/// the full path of a file to send is taken from assetRoot() when its "sendparts" is parsed.
 class LOOMY_EXPORT FileTransferHandler : public ConnectionThread
 {
 public:

@@ -13,9 +13,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <set>
+#include <string>
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <pthread.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -51,7 +54,14 @@ public:
         stop();
         waitEnd(0);
     }
-    QString assetRoot() override { return m_root; }
+    QString assetRoot() override
+    {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        Lock l(m_mutex);
+        m_rootCallers.insert(name);
+        return m_root;
+    }
     void reserved() override {}
     void downloadProgress(long long bytes, const QString &name) override
     {
@@ -71,12 +81,14 @@ public:
     }
     QStringList progress() const { Lock l(m_mutex); return m_progress; }
     QStringList fileInfos() const { Lock l(m_mutex); return m_fileInfos; }
+    std::set<std::string> rootCallers() const { Lock l(m_mutex); return m_rootCallers; }   // thread names
 
 private:
     using Lock = std::lock_guard<std::mutex>;
     const QString m_root;
     mutable std::mutex m_mutex;
     QStringList m_progress, m_fileInfos;
+    std::set<std::string> m_rootCallers;
 };
 
 // The next line that isn't the connection's own ping.
@@ -132,6 +144,16 @@ protected:
         m_uploader = std::make_unique<Handler>(connectDownloader(listener), true, *m_upAssets);
         m_uploader->run();
         ASSERT_TRUE(eventually([&] { return m_downloader->isConnected() && m_uploader->isConnected(); }));
+    }
+    // An uploader over a socket pair, and the scripted downloader's end of it, logged in.
+    std::unique_ptr<RawPeer> startUploader()
+    {
+        SocketPair pair;
+        m_uploader = std::make_unique<Handler>(pair.accepted, true, *m_upAssets);
+        m_uploader->run();
+        auto peer = std::make_unique<RawPeer>(pair.connecting);
+        loginAsClient(*peer);
+        return peer;
     }
     // Requests the file and waits for the end of its download, whatever the outcome.
     void download(const QString &name)
@@ -224,11 +246,8 @@ TEST_F(FileTransfer, UploaderWireBytes)
     writeFile(up("/big"), pattern(16777217, 3));
     makeAssets();
     writeFile(up("/late"), "abc");   // on disk, not yet in the file list
-    SocketPair pair;
-    m_uploader = std::make_unique<Handler>(pair.accepted, true, *m_upAssets);
-    m_uploader->run();
-    RawPeer peer(pair.connecting);
-    loginAsClient(peer);
+    const std::unique_ptr<RawPeer> uploader = startUploader();
+    RawPeer &peer = *uploader;
 
     peer.send("sendfileinfo \"/empty\"\nsendfileinfo \"/big\"\nsendfileinfo \"/late\"\nsendparts \"/empty\"\n");
     EXPECT_EQ(command(peer), "fileinfo 0 \"/empty\" 0 " + md5Hex("").toLatin1());
@@ -243,6 +262,22 @@ TEST_F(FileTransfer, UploaderWireBytes)
         EXPECT_EQ(command(peer), "filepart \"/two\" 1 2");
         EXPECT_EQ(peer.bytes(1), pattern(s_part + 1).right(1));
     }
+}
+
+// Found by fuzzing: the upload task ran on after the subclass's destructor and called assetRoot(),
+// a pure virtual call by then. Overrides are called on the connection's thread only.
+TEST_F(FileTransfer, UploadTaskCallsNoOverrideOfTheSubclass)
+{
+    writeFile(up("/two"), pattern(s_part + 1));
+    makeAssets();
+    const std::unique_ptr<RawPeer> uploader = startUploader();
+    RawPeer &peer = *uploader;
+    peer.send("sendparts \"/two\"\n");
+    EXPECT_EQ(command(peer), "filepart \"/two\" 65536 1");
+    EXPECT_TRUE(peer.bytes(s_part) == pattern(s_part + 1).left(s_part));
+    EXPECT_EQ(command(peer), "filepart \"/two\" 1 2");
+    EXPECT_EQ(peer.bytes(1), pattern(s_part + 1).right(1));
+    EXPECT_EQ(m_uploader->rootCallers(), std::set<std::string>{"LoomyConn"});
 }
 
 // A scripted uploader: a refused name, an out-of-order part, then the link cut after part 3.

@@ -74,8 +74,7 @@ public:
     void collapseChanges();
     std::vector<RemoteNode::Event> getEvents();
     void sendSymbols(const std::vector<ChangeData> &changes, const std::vector<LoomySessionAttribute *> &records,
-                     const std::vector<RemoteNode::Event> &events,
-                     BundleOutput &output);
+                     const std::vector<RemoteNode::Event> &events, BundleOutput &output);
     void sendChanges(const std::vector<ChangeData> &changes, const std::vector<LoomySessionAttribute *> &records,
                      BundleOutput &output);
     void sendEvents(const std::vector<RemoteNode::Event> &events, BundleOutput &output);

@@ -334,7 +334,7 @@ void NodeWatcher::D::processPendingAddedChanged(unsigned int symbol)
         return;
     }
     // An alias reports its changes through its own listener.
-    if (Tamarack::toAlias(attribute))
+    if (attribute->asAlias())
         return;
     event(ATTRIBUTE_CHANGED, symbol);
 }
@@ -342,9 +342,9 @@ void NodeWatcher::D::processPendingAddedChanged(unsigned int symbol)
 // The order of the tests matters: an alias whose target is a node is still an alias here.
 void NodeWatcher::D::somethingAdded(Attribute &attribute, const QByteArray &path, unsigned int symbol, bool notify)
 {
-    if (auto *alias = Tamarack::toAlias(&attribute))
+    if (auto *alias = attribute.asAlias())
         aliasAdded(*alias, path, symbol, notify);
-    else if (auto *node = Tamarack::toNode(&attribute))
+    else if (auto *node = attribute.asNode())
         nodeAdded(*node, path, symbol, notify);
     else
         attributeAdded(attribute, symbol, notify);
@@ -476,7 +476,7 @@ void NodeWatcher::D::somethingRemoved(Attribute &attribute, const QByteArray &pa
     PendingPtr record = pending.erase(symbol);
     if (record) {
         // The addition was never reported: observers get a balanced pair, never a lone removal.
-        auto *alias = Tamarack::toAlias(&attribute);
+        auto *alias = attribute.asAlias();
         if (notify && !(alias && !alias->attribute())) {
             if (Tamarack::toNode(followAliases(&attribute))) {
                 event(NODE_ADDED, record->symbol);

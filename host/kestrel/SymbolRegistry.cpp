@@ -9,24 +9,6 @@
 
 namespace Kestrel {
 
-namespace {
-
-// qHash gives names that differ in one character (paths numbered in sequence) neighbouring
-// values, which linear probing turns into long runs: the bits are mixed (the finaliser of
-// MurmurHash3) before they choose a slot.
-unsigned slotHash(const QByteArray &name)
-{
-    unsigned hash = qHash(name);
-    hash ^= hash >> 16;
-    hash *= 0x85ebca6bu;
-    hash ^= hash >> 13;
-    hash *= 0xc2b2ae35u;
-    hash ^= hash >> 16;
-    return hash;
-}
-
-} // namespace
-
 void SymbolRegistry::define(const QByteArray &name, const QByteArray &second, unsigned symbol)
 {
     if (symbol == 0) {
@@ -41,7 +23,7 @@ void SymbolRegistry::define(const QByteArray &name, const QByteArray &second, un
 // are forgotten first.
 void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol)
 {
-    const unsigned hash = slotHash(name);
+    const unsigned hash = qHash(name);
     const unsigned old = m_slots.empty() ? 0 : m_slots[findSlot(name, hash)].symbol;
     if (old != symbol) {
         if (old != 0)
@@ -113,7 +95,7 @@ std::size_t SymbolRegistry::count() const
 
 unsigned SymbolRegistry::lookupUnlocked(const QByteArray &name) const
 {
-    return m_slots.empty() ? 0 : m_slots[findSlot(name, slotHash(name))].symbol;
+    return m_slots.empty() ? 0 : m_slots[findSlot(name, qHash(name))].symbol;
 }
 
 QByteArray SymbolRegistry::nameUnlocked(unsigned symbol) const
@@ -132,7 +114,7 @@ const SymbolRegistry::Entry *SymbolRegistry::entry(unsigned symbol) const
 void SymbolRegistry::forget(unsigned symbol)
 {
     const Entry *held = entry(symbol);
-    eraseSlot(findSlot(held->name, slotHash(held->name)));
+    eraseSlot(findSlot(held->name, qHash(held->name)));
     m_entries.reset(symbol);
     m_seconds.erase(symbol);
     --m_count;

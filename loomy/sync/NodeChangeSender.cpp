@@ -94,9 +94,6 @@ public:
     Kestrel::Mutex m_pendingMutex;
     std::vector<Event> m_pendingChanges;             // guarded by m_pendingMutex
     std::vector<ChangeData> m_changes;               // frame thread only
-    // The record of each of m_changes, null for none: looked up once for both passes. Records
-    // stay as long as the storage, and a symbol's record never changes once it has one.
-    std::vector<LoomySessionAttribute *> m_records;  // frame thread only
 
     Kestrel::Mutex m_eventMutex;                     // a leaf
     std::vector<RemoteNode::Event> m_events;         // guarded by m_eventMutex
@@ -170,10 +167,6 @@ void NodeChangeSender::D::collapseChanges()
         local.swap(m_pendingChanges);
     }
     m_compressor.compress(local, m_changes);
-    m_records.clear();
-    m_records.reserve(m_changes.size());
-    for (const ChangeData &change : m_changes)
-        m_records.push_back(m_storage.findByWriteSymbol(change.symbol));
 }
 
 std::vector<RemoteNode::Event> NodeChangeSender::D::getEvents()
@@ -392,9 +385,16 @@ NodeChangeSender::~NodeChangeSender()
 void NodeChangeSender::writeUpdates(BundleOutput &output)
 {
     m_d->collapseChanges();
+    // The record of each change, null for none, looked up once for both passes: records stay as
+    // long as the storage, and a symbol's record never changes once it has one. Not kept beyond
+    // the update: after the initial state it would hold a pointer per attribute.
+    std::vector<LoomySessionAttribute *> records;
+    records.reserve(m_d->m_changes.size());
+    for (const ChangeData &change : m_d->m_changes)
+        records.push_back(m_d->m_storage.findByWriteSymbol(change.symbol));
     const std::vector<RemoteNode::Event> events = m_d->getEvents();
-    m_d->sendSymbols(m_d->m_changes, m_d->m_records, events, output);
-    m_d->sendChanges(m_d->m_changes, m_d->m_records, output);
+    m_d->sendSymbols(m_d->m_changes, records, events, output);
+    m_d->sendChanges(m_d->m_changes, records, output);
     m_d->sendEvents(events, output);
 }
 

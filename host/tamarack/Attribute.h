@@ -13,6 +13,7 @@
 namespace Kestrel { class BinaryData; }
 
 namespace Tamarack {
+class AttributeAlias;
 class Node;
 
 // A named value with listeners and layers, held by at most one node, its host.
@@ -97,6 +98,13 @@ public:
     // is set and that is defined is stored in layer, and the result is true.
     bool layerForSerialization(SerializationOptions options, Layer &layer) const;
 
+    // The same answers as dynamic_cast<Node *>(this) and dynamic_cast<AttributeAlias *>(this), also
+    // while a destructor has reduced the object, but at the cost of one call: walks and watchers
+    // ask this of every attribute of large trees, where a failing dynamic_cast through a deep
+    // class hierarchy costs hundreds of instructions.
+    virtual Node *asNode() { return nullptr; }
+    virtual AttributeAlias *asAlias() { return nullptr; }
+
     // Marks a component attribute as owned by a composite (a tuple); null for none.
     void setOwnerShorthand(Attribute *owner) { m_ownerShorthand = owner; }
     Attribute *ownerShorthand() const { return m_ownerShorthand; }
@@ -119,5 +127,15 @@ private:
     Attribute *m_ownerShorthand = nullptr;
     std::atomic<bool> m_destroying{false};
 };
+
+// Null-safe forms of Attribute::asNode() and Attribute::asAlias().
+inline Node *toNode(Attribute *attribute)
+{
+    return attribute ? attribute->asNode() : nullptr;
+}
+inline AttributeAlias *toAlias(Attribute *attribute)
+{
+    return attribute ? attribute->asAlias() : nullptr;
+}
 
 } // namespace Tamarack

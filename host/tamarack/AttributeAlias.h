@@ -27,6 +27,7 @@ public:
     void setAttribute(Attribute *target);
 
     QByteArray type() const override; // "alias"
+    AttributeAlias *asAlias() override { return this; }
 
 private:
     struct Link;

@@ -58,6 +58,7 @@ public:
     Event<Attribute *> eventAttributeRemoved;
 
     QByteArray type() const override;
+    Node *asNode() override { return this; }
     bool isChanged() const override;        // true if any child is changed
     void setAsDefaults() override;          // on every child
 

@@ -64,19 +64,21 @@ LoomySessionAttribute *AttributeStorage::allocate()
     return &m_blocks.back()[m_lastBlockUsed++];
 }
 
-LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
+// Under the write lock, which comes before the registry's.
+unsigned int AttributeStorage::defineName(const QByteArray &name)
 {
-    Kestrel::WriteLocker locker(&m_lock);
-
     Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
     unsigned int symbol;
     {
         Kestrel::ReadLocker symbolLocker(&symbols.lock());
         symbol = symbols.lookupUnlocked(name);
     }
-    if (symbol == 0)
-        symbol = symbols.lookupOrDefineImpl(name, name);
+    return symbol != 0 ? symbol : symbols.lookupOrDefineImpl(name, name);
+}
 
+// Under the write lock.
+LoomySessionAttribute *AttributeStorage::createLocked(unsigned int symbol)
+{
     LoomySessionAttribute *record = allocate();
     record->writeSymbol = symbol;
     // An earlier record of the same name is replaced here, and stays reachable by its symbols.
@@ -85,6 +87,26 @@ LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
     if (!bySymbol)
         bySymbol = record;
     return record;
+}
+
+LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
+{
+    Kestrel::WriteLocker locker(&m_lock);
+    return createLocked(defineName(name));
+}
+
+LoomySessionAttribute *AttributeStorage::createForSymbol(unsigned int symbol)
+{
+    Kestrel::WriteLocker locker(&m_lock);
+    return createLocked(symbol);
+}
+
+LoomySessionAttribute *AttributeStorage::findOrCreate(const QByteArray &name)
+{
+    Kestrel::WriteLocker locker(&m_lock);
+    const unsigned int symbol = defineName(name);
+    LoomySessionAttribute *const *named = m_byName.find(symbol);
+    return named && *named ? *named : createLocked(symbol);
 }
 
 void AttributeStorage::indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute)

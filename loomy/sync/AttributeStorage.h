@@ -69,6 +69,10 @@ public:
     // Never null. Call only after findByName failed: a second record for one name replaces the
     // first in the name index, while the first keeps the symbol index.
     LoomySessionAttribute *create(const QByteArray &name);
+    // create() for a path whose symbol in the node's registry the caller already has.
+    LoomySessionAttribute *createForSymbol(unsigned int symbol);
+    // findByName(), and create() on a miss, with one registry lookup for both.
+    LoomySessionAttribute *findOrCreate(const QByteArray &name);
     // A symbol that already points to another record is reported and left as it is. The record
     // must be one of this storage's.
     void indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute);
@@ -85,6 +89,8 @@ public:
 
 private:
     LoomySessionAttribute *allocate();
+    unsigned int defineName(const QByteArray &name);      // the name's symbol, defined if new
+    LoomySessionAttribute *createLocked(unsigned int symbol);
 
     mutable QReadWriteLock m_lock; // guards the three indexes and the blocks, not the records' fields
     Kestrel::SymbolTable<LoomySessionAttribute *> m_byReadSymbol;   // null: none

@@ -91,9 +91,7 @@ void NewAttributeReceiver::handleBundle(BundleReader &reader)
 
         LoomySessionAttribute *record = m_storage.findByReadSymbol(symbol);
         if (!record)
-            record = m_storage.findByName(name);
-        if (!record)
-            record = m_storage.create(name);
+            record = m_storage.findOrCreate(name);
         m_storage.indexByReadSymbol(symbol, record);
         const bool firstAnnouncement = record->readSymbol == 0; // in this session
 
@@ -196,7 +194,7 @@ Tamarack::Node *NewAttributeReceiver::createOrFindNode(const QList<QByteArray> &
     Tamarack::Node *current = &m_node;
     for (const QByteArray &piece : path) {
         Tamarack::Attribute *child = current->attribute(piece);
-        while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(child))
+        while (auto *alias = Tamarack::toAlias(child))
             child = alias->attribute();
 
         if (!child) {
@@ -213,7 +211,7 @@ Tamarack::Node *NewAttributeReceiver::createOrFindNode(const QList<QByteArray> &
             continue;
         }
 
-        current = dynamic_cast<Tamarack::Node *>(child);
+        current = Tamarack::toNode(child);
         if (!current) {
             Kestrel::Trace::error("NewAttributeReceiver::createOrFindAttribute # Found an existing attribute where a "
                                   "node was expected");

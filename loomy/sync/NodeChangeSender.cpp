@@ -73,9 +73,10 @@ public:
     void onEvent(const RemoteNode::Event &event);
     void collapseChanges();
     std::vector<RemoteNode::Event> getEvents();
-    void sendSymbols(const std::vector<ChangeData> &changes, const std::vector<RemoteNode::Event> &events,
+    void sendSymbols(const std::vector<ChangeData> &changes, const std::vector<LoomySessionAttribute *> &records,
+                     const std::vector<RemoteNode::Event> &events, BundleOutput &output);
+    void sendChanges(const std::vector<ChangeData> &changes, const std::vector<LoomySessionAttribute *> &records,
                      BundleOutput &output);
-    void sendChanges(const std::vector<ChangeData> &changes, BundleOutput &output);
     void sendEvents(const std::vector<RemoteNode::Event> &events, BundleOutput &output);
     void sendAdded(LoomySessionAttribute &record, bool sendValue, BundleWriter &writer);
     void sendChanged(LoomySessionAttribute &record, BundleWriter &writer);
@@ -134,7 +135,7 @@ void NodeChangeSender::D::onAttributeChange(const Event &event)
     Kestrel::MutexLocker locker(m_pendingMutex);
     LoomySessionAttribute *record = m_storage.findByWriteSymbol(event.symbol);
     if (event.type == NodeWatcher::ATTRIBUTE_ADDED && !record)
-        record = m_storage.create(symbolName(m_node.symbols(), event.symbol));
+        record = m_storage.createForSymbol(event.symbol);
     if (!record) {
         // A change or removal whose addition was filtered out by the sync flags at the time.
         Kestrel::Trace::error("NodeChangeSender::onAttributeChange # Could not find a session attribute for the given change");
@@ -184,6 +185,7 @@ std::vector<RemoteNode::Event> NodeChangeSender::D::getEvents()
 }
 
 void NodeChangeSender::D::sendSymbols(const std::vector<ChangeData> &changes,
+                                      const std::vector<LoomySessionAttribute *> &records,
                                       const std::vector<RemoteNode::Event> &events, BundleOutput &output)
 {
     Bundle bundle;
@@ -201,12 +203,12 @@ void NodeChangeSender::D::sendSymbols(const std::vector<ChangeData> &changes,
         writeBlock(writer, symbol, name.constData(), unsigned(name.size()));
         m_sentSymbols.make(symbol) = 1;
     };
-    for (const ChangeData &change : changes) {
-        if (!m_storage.findByWriteSymbol(change.symbol)) {
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        if (!records[i]) {
             Kestrel::Trace::error("%s", s_missingRecord);
             continue;
         }
-        tell(change.symbol);
+        tell(changes[i].symbol);
     }
     for (const RemoteNode::Event &event : events)
         tell(event.symbol);
@@ -216,13 +218,15 @@ void NodeChangeSender::D::sendSymbols(const std::vector<ChangeData> &changes,
 
 // One bundle per run of one kind. The header is stamped when a run starts, since the record
 // writers take the bundle id from it, and again when the run is added, for its body size.
-void NodeChangeSender::D::sendChanges(const std::vector<ChangeData> &changes, BundleOutput &output)
+void NodeChangeSender::D::sendChanges(const std::vector<ChangeData> &changes,
+                                      const std::vector<LoomySessionAttribute *> &records, BundleOutput &output)
 {
     Bundle bundle;
     BundleWriter writer(bundle);
     int lastType = -1;
-    for (const ChangeData &change : changes) {
-        LoomySessionAttribute *record = m_storage.findByWriteSymbol(change.symbol);
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        const ChangeData &change = changes[i];
+        LoomySessionAttribute *record = records[i];
         if (!record) {
             Kestrel::Trace::error("%s", s_missingRecord);
             continue;
@@ -381,9 +385,16 @@ NodeChangeSender::~NodeChangeSender()
 void NodeChangeSender::writeUpdates(BundleOutput &output)
 {
     m_d->collapseChanges();
+    // The record of each change, null for none, looked up once for both passes: records stay as
+    // long as the storage, and a symbol's record never changes once it has one. Not kept beyond
+    // the update: after the initial state it would hold a pointer per attribute.
+    std::vector<LoomySessionAttribute *> records;
+    records.reserve(m_d->m_changes.size());
+    for (const ChangeData &change : m_d->m_changes)
+        records.push_back(m_d->m_storage.findByWriteSymbol(change.symbol));
     const std::vector<RemoteNode::Event> events = m_d->getEvents();
-    m_d->sendSymbols(m_d->m_changes, events, output);
-    m_d->sendChanges(m_d->m_changes, output);
+    m_d->sendSymbols(m_d->m_changes, records, events, output);
+    m_d->sendChanges(m_d->m_changes, records, output);
     m_d->sendEvents(events, output);
 }
 

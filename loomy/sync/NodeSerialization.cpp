@@ -25,7 +25,7 @@ void walkAttributes(Tamarack::Node &node, const std::function<void(Tamarack::Att
             continue;
         if (skip && skip(*target))
             continue;
-        if (auto *child = dynamic_cast<Tamarack::Node *>(target))
+        if (auto *child = Tamarack::toNode(target))
             walkAttributes(*child, fn, {});
         else
             fn(*target);
@@ -47,7 +47,7 @@ void walkWithPathWorker(Tamarack::Node &node, const QByteArray &path,
             continue;
         // The key under which the entry is stored, so an alias's target takes the alias's path.
         const QByteArray childPath = kidPath(path, entry.first);
-        if (auto *child = dynamic_cast<Tamarack::Node *>(target))
+        if (auto *child = Tamarack::toNode(target))
             walkWithPathWorker(*child, childPath, fn);
         else
             fn(*target, childPath);

@@ -310,7 +310,11 @@ void NodeWatcher::D::processPendingAdded(const PendingAdded &record)
         Kestrel::Trace::error("NodeWatcher::processPendingAdded # Could not find attribute in cache");
         return;
     }
-    somethingAdded(*attribute, symbols.name(record.symbol), record.symbol, record.notify);
+    // Only nodes and aliases use the path: a plain attribute goes without the registry lookup.
+    if (!attribute->asNode() && !attribute->asAlias())
+        attributeAdded(*attribute, record.symbol, record.notify);
+    else
+        somethingAdded(*attribute, symbols.name(record.symbol), record.symbol, record.notify);
 }
 
 // The temporary listener: the first change of a queued attribute pulls its addition forward, so
@@ -330,7 +334,7 @@ void NodeWatcher::D::processPendingAddedChanged(unsigned int symbol)
         return;
     }
     // An alias reports its changes through its own listener.
-    if (dynamic_cast<AttributeAlias *>(attribute))
+    if (attribute->asAlias())
         return;
     event(ATTRIBUTE_CHANGED, symbol);
 }
@@ -338,9 +342,9 @@ void NodeWatcher::D::processPendingAddedChanged(unsigned int symbol)
 // The order of the tests matters: an alias whose target is a node is still an alias here.
 void NodeWatcher::D::somethingAdded(Attribute &attribute, const QByteArray &path, unsigned int symbol, bool notify)
 {
-    if (auto *alias = dynamic_cast<AttributeAlias *>(&attribute))
+    if (auto *alias = attribute.asAlias())
         aliasAdded(*alias, path, symbol, notify);
-    else if (auto *node = dynamic_cast<Node *>(&attribute))
+    else if (auto *node = attribute.asNode())
         nodeAdded(*node, path, symbol, notify);
     else
         attributeAdded(attribute, symbol, notify);
@@ -422,7 +426,7 @@ void NodeWatcher::D::aliasAdded(AttributeAlias &alias, const QByteArray &path, u
                Attribute::CHANGE_ROLE);
     if (!target)
         return;
-    if (auto *node = dynamic_cast<Node *>(target))
+    if (auto *node = Tamarack::toNode(target))
         nodeAdded(*node, path, symbol, notify);
     else if (notify)
         event(ATTRIBUTE_ADDED, symbol);
@@ -450,14 +454,14 @@ void NodeWatcher::D::onAliasChanged(AttributeAlias &alias, const QByteArray &pat
     }
     if (oldTarget) {
         // The old node's added and removed listeners stay where they are.
-        if (auto *oldNode = dynamic_cast<Node *>(oldTarget))
+        if (auto *oldNode = Tamarack::toNode(oldTarget))
             nodeRemoved(*oldNode, path, symbol, notify);
         else if (notify)
             event(cache.isNode(symbol) ? NODE_REMOVED : ATTRIBUTE_REMOVED, symbol);
     }
     if (!newTarget)
         return;
-    if (auto *newNode = dynamic_cast<Node *>(newTarget)) {
+    if (auto *newNode = Tamarack::toNode(newTarget)) {
         nodeAdded(*newNode, path, symbol, notify);
         return;
     }
@@ -472,9 +476,9 @@ void NodeWatcher::D::somethingRemoved(Attribute &attribute, const QByteArray &pa
     PendingPtr record = pending.erase(symbol);
     if (record) {
         // The addition was never reported: observers get a balanced pair, never a lone removal.
-        auto *alias = dynamic_cast<AttributeAlias *>(&attribute);
+        auto *alias = attribute.asAlias();
         if (notify && !(alias && !alias->attribute())) {
-            if (dynamic_cast<Node *>(followAliases(&attribute))) {
+            if (Tamarack::toNode(followAliases(&attribute))) {
                 event(NODE_ADDED, record->symbol);
                 event(NODE_REMOVED, record->symbol);
             } else {
@@ -482,7 +486,7 @@ void NodeWatcher::D::somethingRemoved(Attribute &attribute, const QByteArray &pa
                 event(ATTRIBUTE_REMOVED, record->symbol);
             }
         }
-    } else if (auto *node = dynamic_cast<Node *>(followAliases(&attribute))) {
+    } else if (auto *node = Tamarack::toNode(followAliases(&attribute))) {
         nodeRemoved(*node, path, symbol, notify);
         node->eventAttributeAdded.removeListeners(reference.weak());
         node->eventAttributeRemoved.removeListeners(reference.weak());

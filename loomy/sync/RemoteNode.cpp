@@ -30,6 +30,31 @@ bool searches(const QRegExp &regExp, const QString &path)
     return regExp.indexIn(path) >= 0;
 }
 
+// The component C of an expression "(^|/)C$", C plain letters, digits and underscores, searched
+// case-sensitively: exactly the paths whose last component is C match. Empty for any other.
+QByteArray lastComponentOnly(const QRegExp &regExp)
+{
+    static const QString s_prefix = QStringLiteral("(^|/)");
+    const QString pattern = regExp.pattern();
+    if (regExp.caseSensitivity() != Qt::CaseSensitive
+        || (regExp.patternSyntax() != QRegExp::RegExp && regExp.patternSyntax() != QRegExp::RegExp2)
+        || !pattern.startsWith(s_prefix) || !pattern.endsWith(QLatin1Char('$'))
+        || pattern.size() == s_prefix.size() + 1)
+        return QByteArray();
+    const QString component = pattern.mid(s_prefix.size(), pattern.size() - s_prefix.size() - 1);
+    for (const QChar c : component)
+        if (c.unicode() > 127 || !(c.isLetterOrNumber() || c == QLatin1Char('_')))
+            return QByteArray();
+    return component.toLatin1();
+}
+
+// An ASCII component matches the same in the UTF-8 bytes as in the converted text.
+bool endsWithComponent(const QByteArray &path, const QByteArray &component)
+{
+    return path.endsWith(component)
+        && (path.size() == component.size() || path.at(path.size() - component.size() - 1) == '/');
+}
+
 } // namespace
 
 RemoteNode::RemoteNode(Tamarack::Node *host, const QByteArray &name)
@@ -87,7 +112,7 @@ bool RemoteNode::addDeepAttribute(const QByteArray &fullName, Tamarack::Attribut
             current = new Tamarack::Node(current, part); // owned by the tree
             continue;
         }
-        auto *node = dynamic_cast<Tamarack::Node *>(followAliases(child));
+        auto *node = Tamarack::toNode(followAliases(child));
         if (!node) {
             // Nodes made so far stay.
             Kestrel::Trace::error("RemoteNode::addDeepAttribute # Failed to add attribute. An attribute already exists on the path where a node is expected.");
@@ -173,7 +198,7 @@ void RemoteNode::setSyncFlags(const QRegExp &regExp, SyncFlags::Flag flag)
 {
     updateSyncFlags(regExp, flag);
     Kestrel::MutexLocker locker(m_patternMutex);
-    m_syncFlagSettings.push_back(SyncFlagSetting{regExp, flag});
+    m_syncFlagSettings.push_back(SyncFlagSetting{regExp, flag, lastComponentOnly(regExp)});
 }
 
 // Nodes are never visited; an attribute reached through an alias counts under the alias's path.
@@ -191,11 +216,23 @@ void RemoteNode::updateSyncFlags(const QRegExp &regExp, SyncFlags::Flag flag)
 // Every rule is tried: the last match wins.
 void RemoteNode::checkForSyncFlags(unsigned int symbol)
 {
-    const QString path = QString::fromUtf8(m_symbols.name(symbol));
+    const QByteArray name = m_symbols.name(symbol);
+    QString path; // converted for the first rule that runs its expression
+    bool converted = false;
     Kestrel::MutexLocker locker(m_patternMutex);
-    for (const SyncFlagSetting &setting : m_syncFlagSettings)
-        if (searches(setting.regExp, path))
+    for (const SyncFlagSetting &setting : m_syncFlagSettings) {
+        bool matches;
+        if (!setting.lastComponent.isEmpty()) {
+            matches = endsWithComponent(name, setting.lastComponent);
+        } else {
+            if (!converted)
+                path = QString::fromUtf8(name);
+            converted = true;
+            matches = searches(setting.regExp, path);
+        }
+        if (matches)
             m_syncFlags.setFlags(symbol, setting.flag);
+    }
 }
 
 QRegExp RemoteNode::makeRegExp(const QString &pattern)
@@ -381,15 +418,18 @@ void RemoteNode::handleAttributeChange(const NodeWatcher::Event &event)
 {
     switch (event.type) {
     case NodeWatcher::ATTRIBUTE_ADDED: {
-        bool rules;
+        bool listeners;
+        bool flagRules;
         {
             Kestrel::MutexLocker locker(m_patternMutex);
-            rules = !m_pendingListeners.empty() || !m_syncFlagSettings.empty();
+            listeners = !m_pendingListeners.empty();
+            flagRules = !m_syncFlagSettings.empty();
         }
-        if (rules) {
+        // Each does nothing without its rules; the test spares it the mutex.
+        if (listeners)
             checkForPendingListeners(event.symbol);
+        if (flagRules)
             checkForSyncFlags(event.symbol);
-        }
         if (m_hasPatternListeners.load(std::memory_order_acquire))
             enqueueChanged(event.symbol);
         break;
@@ -464,7 +504,7 @@ Tamarack::Node *findOrCreateNode(QList<QByteArray> path, Tamarack::Node *node,
         next = new Tamarack::Node(node, name);
         if (created)
             (*created)[prefix] = next;
-    } else if (auto *childNode = dynamic_cast<Tamarack::Node *>(child)) {
+    } else if (auto *childNode = Tamarack::toNode(child)) {
         next = childNode;
     } else {
         Kestrel::Trace::error("findOrCreateNode # '%s'' is not a node!", name.constData());

@@ -79,6 +79,9 @@ public:
         QRegExp regExp;          ///< matched (searched) against paths
         /// the flag to set on a match
         SyncFlags::Flag flag;
+        /// Set when regExp, like the built-in rule for "id", asks only for this last path
+        /// component: then additions test the name instead of running the expression.
+        QByteArray lastComponent = QByteArray();
     };
 
     /// Makes the node under host, as for any Tamarack node, and starts watching the subtree.

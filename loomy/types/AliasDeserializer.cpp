@@ -12,7 +12,7 @@ namespace Loomy {
 
 Tamarack::Attribute *followAliases(Tamarack::Attribute *attribute)
 {
-    while (auto *alias = dynamic_cast<Tamarack::AttributeAlias *>(attribute))
+    while (auto *alias = Tamarack::toAlias(attribute))
         attribute = alias->attribute();
     return attribute;
 }

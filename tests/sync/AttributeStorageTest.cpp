@@ -62,4 +62,20 @@ TEST_F(AttributeStorageTest, DebugDumpShowsSchemaEntriesAsProperties)
                   + QString::asprintf("%-70s %s\n%-70s -\n", "b", "Tamarack::AttributeT<int, void> <2>", "gone").toStdString());
 }
 
+// findOrCreate takes a name's record or makes one under the name's symbol; createForSymbol makes
+// one for a symbol the caller has, filed by name as create() files it.
+TEST_F(AttributeStorageTest, FindOrCreateAndCreateForSymbolFileUnderTheNamesSymbol)
+{
+    LoomySessionAttribute *made = storage.findOrCreate("a/b");
+    EXPECT_NE(made->writeSymbol, 0u);
+    EXPECT_EQ(made->writeSymbol, node.symbols().lookup("a/b"));
+    EXPECT_EQ(storage.findOrCreate("a/b"), made);
+    EXPECT_EQ(storage.findByWriteSymbol(made->writeSymbol), made);
+    const unsigned symbol = node.symbols().lookupOrDefine("c");
+    LoomySessionAttribute *known = storage.createForSymbol(symbol);
+    EXPECT_EQ(known->writeSymbol, symbol);
+    EXPECT_EQ(storage.findByName("c"), known);
+    EXPECT_EQ(storage.findOrCreate("c"), known);
+}
+
 } // namespace

@@ -61,6 +61,20 @@ TEST_F(SyncFlagRules, AttributesNamedIdAreNotSentUnlessALaterRuleSaysSo)
         EXPECT_EQ(symbolFlags.second, node.syncFlags().getFlags(symbolFlags.first)) << symbolFlags.first;
 }
 
+// Rules of the built-in rule's form are tested by name, the rest by their expression: either
+// way a rule matches exactly the paths its expression finds.
+TEST_F(SyncFlagRules, RulesOnALastComponentMatchAsTheirExpression)
+{
+    node.setSyncFlags(QRegExp("(^|/)speed$"), SyncFlags::SYNC_NONE);
+    node.setSyncFlags(QRegExp("(^|/)zoom$", Qt::CaseInsensitive), SyncFlags::SYNC_NONE);
+    node.setSyncFlags(QRegExp("(^|/)po.$"), SyncFlags::SYNC_NONE);
+    node.setSyncFlags(QRegExp("(^|/)rot$", Qt::CaseSensitive, QRegExp::Wildcard), SyncFlags::SYNC_NONE);
+    for (const char *path : {"speed", "a/speed", "a/xspeed", "n/speed/x", "b/ZOOM", "pos", "a/(^|/)rot$", "a/rot"})
+        add(path);
+    expectFlags({"speed", "a/speed", "b/ZOOM", "pos", "a/(^|/)rot$"}, SyncFlags::SYNC_NONE);
+    expectFlags({"a/xspeed", "n/speed/x", "a/rot"}, SyncFlags::SYNC_DEFAULT);
+}
+
 // setSyncFlags applies at once and keeps the rule for later additions; updateSyncFlags only
 // applies, to paths as the tree shows them (through an alias, the alias's path).
 TEST_F(SyncFlagRules, SetKeepsTheRuleAndUpdateDoesNot)

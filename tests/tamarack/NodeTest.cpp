@@ -1,4 +1,5 @@
 #include "TamarackTestUtil.h"
+#include "tamarack/AttributeAlias.h"
 
 #include <QStringList>
 
@@ -210,4 +211,25 @@ TEST(NodeConcurrency, AdditionsAndRemovalsFromSeveralThreads)
     EXPECT_EQ(added.load(), threads * perThread);
     EXPECT_EQ(removed.load(), threads * perThread - kept);
     EXPECT_EQ(root.attributes().size(), kept);
+}
+
+// The cheap kind tests must agree with dynamic_cast, also in the removed event, where a
+// destructor may already have reduced the object (a node and an alias leave as what they are).
+TEST(NodeDeletion, KindTestsAgreeWithDynamicCastWhileChildrenLeave)
+{
+    Node root;
+    new Node(&root, "node");
+    new Tamarack::AttributeAlias(&root, "alias");
+    new IntAttr(&root, "int");
+    QStringList seen;
+    Tamarack::Reference ref;
+    root.eventAttributeRemoved.addListener(ref.weak(), [&seen](Attribute *a) {
+        EXPECT_EQ(a->asNode(), dynamic_cast<Node *>(a)) << a->name().constData();
+        EXPECT_EQ(a->asAlias(), dynamic_cast<Tamarack::AttributeAlias *>(a)) << a->name().constData();
+        seen << a->name() + (a->asNode() ? " node" : "") + (a->asAlias() ? " alias" : "");
+    });
+    for (Attribute *child : {root.attribute("node"), root.attribute("alias"), root.attribute("int")})
+        delete child;
+    EXPECT_EQ(seen, QStringList({"node node", "alias alias", "int"}));
+    EXPECT_EQ(Tamarack::toNode(nullptr), nullptr);
 }

@@ -7,6 +7,14 @@
 
 namespace Kestrel {
 
+// What tells two directories apart whatever the names that lead to them (links followed).
+struct DirectoryId
+{
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    bool operator==(const DirectoryId &other) const { return device == other.device && inode == other.inode; }
+};
+
 // One entry of a directory, with what a stat() of it gives (links followed).
 struct DirectoryEntry
 {
@@ -14,6 +22,7 @@ struct DirectoryEntry
     bool isDir = false;           // otherwise a regular file
     long long size = 0;
     long long modifiedMs = 0;     // modification time, milliseconds since the Unix epoch (UTC)
+    DirectoryId id;               // of what the entry leads to; meaningful for directories
 };
 
 // The entries of a folder that QDir::entryInfoList lists with the filters QDir::Files |
@@ -21,6 +30,7 @@ struct DirectoryEntry
 // symbolic links followed (broken ones left out), hidden (dot) names and unreadable entries left
 // out, in the directory's own order. One stat per entry and no time-zone conversion, which is
 // what makes it much cheaper than QFileInfo for large trees. Empty if the folder can't be read.
-KESTREL_EXPORT std::vector<DirectoryEntry> listDirectory(const QString &path);
+// `self`, if given, receives the folder's own id (left alone if the folder can't be read).
+KESTREL_EXPORT std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self = nullptr);
 
 } // namespace Kestrel

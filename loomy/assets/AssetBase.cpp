@@ -10,6 +10,7 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <vector>
@@ -24,7 +25,13 @@ struct Found
     QDateTime modified;
     long long size;
 };
-using ToHash = std::vector<Found>;
+
+// What a walk finds: records of the file list whose time is unchanged, and the files to hash.
+struct Walked
+{
+    std::vector<QMap<QString, AssetBase::FileInfo>::const_iterator> unchanged;   // into the file list
+    std::vector<Found> toHash;
+};
 
 const int s_hashBlock = 4096;
 
@@ -85,7 +92,7 @@ AssetBase::FileInfo::FileInfo(const QDateTime &ts_, const QByteArray &md5_, long
 class AssetBase::D
 {
 public:
-    long long walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash);
+    long long walk(QString &path, std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked);
     QString cacheArray() const { return QStringLiteral("FileList/") + root; }
     QString fullPath(const QString &name) const { return root + name; }
     const FileInfo *findDownload(const QString &name) const;   // readMutex held
@@ -107,34 +114,46 @@ public:
     mutable Kestrel::Mutex readMutex;          // leaf: no other lock is taken while it is held
 };
 
-// The walk of one folder, `directory` beginning and ending in "/". listMutex and removeMutex held.
-// The listing is that of QDir with QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot |
-// QDir::NoDotDot (hidden names out, links followed); see isInvisible for what it leaves out.
-long long AssetBase::D::walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash)
+// The walk of one folder: `path` is its name, beginning and ending in "/", and is given back as
+// it came; `ancestors` are the folders from the root down to its parent. listMutex and removeMutex
+// held (the iterators of `walked` point into fileList). The listing is that of QDir with
+// QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot (hidden names out,
+// links followed); see isInvisible for what it leaves out.
+long long AssetBase::D::walk(QString &path, std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked)
 {
+    Kestrel::DirectoryId self;
+    const std::vector<Kestrel::DirectoryEntry> entries = Kestrel::listDirectory(root + path, &self);
+    // A link to this folder or to one above it would lead into it again, for ever.
+    ancestors.push_back(self);
+    const int length = path.size();
     long long bytes = 0;
-    for (const Kestrel::DirectoryEntry &entry : Kestrel::listDirectory(root + directory)) {
+    for (const Kestrel::DirectoryEntry &entry : entries) {
         if (!scanning)
             break;
         if (isInvisible(entry.name))
             continue;
-        const QString name = directory + entry.name;
+        path.truncate(length);
+        path += entry.name;
         if (entry.isDir) {
-            bytes += walk(name + QLatin1Char('/'), result, toHash);
+            if (std::find(ancestors.cbegin(), ancestors.cend(), entry.id) != ancestors.cend())
+                continue;
+            path += QLatin1Char('/');
+            bytes += walk(path, ancestors, walked);
             continue;
         }
-        if (removeQueue.count(name))
+        if (removeQueue.count(path))
             continue;
         // The time alone decides: a file rewritten within the same timestamp isn't hashed again.
-        const QDateTime modified = QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC);
-        const auto known = fileList.constFind(name);
-        if (known != fileList.cend() && modified == known->ts) {
-            result.insert(name, *known);
+        const auto known = fileList.constFind(path);
+        if (known != fileList.cend() && known->ts.isValid() && known->ts.toMSecsSinceEpoch() == entry.modifiedMs) {
+            walked.unchanged.push_back(known);
             continue;
         }
-        toHash.push_back({name, modified, entry.size});
+        walked.toHash.push_back({path, QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC), entry.size});
         bytes += entry.size;
     }
+    path.truncate(length);
+    ancestors.pop_back();
     return bytes;
 }
 
@@ -187,14 +206,24 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
 {
     Kestrel::MutexLocker listLock(m_d->listMutex);
     report(sender, QStringLiteral("Scanning directory tree..."));
-    QMap<QString, FileInfo> result;
-    ToHash toHash;
+    Walked walked;
     {
         Kestrel::MutexLocker removeLock(m_d->removeMutex);
-        m_d->walk(QStringLiteral("/"), result, toHash);
+        QString path = QStringLiteral("/");
+        std::vector<Kestrel::DirectoryId> ancestors;
+        m_d->walk(path, ancestors, walked);
+    }
+    QMap<QString, FileInfo> result;
+    // Every record found unchanged and nothing else: the list itself, shared, which also makes the
+    // comparison below immediate. This is the rescan of an unchanged tree.
+    if (walked.toHash.empty() && walked.unchanged.size() == size_t(m_d->fileList.size())) {
+        result = m_d->fileList;
+    } else {
+        for (const auto &known : walked.unchanged)
+            result.insert(known.key(), *known);
     }
     char block[s_hashBlock];
-    for (const Found &item : toHash) {
+    for (const Found &item : walked.toHash) {
         if (!m_d->scanning)
             break;
         const QString &name = item.name;

@@ -99,6 +99,23 @@ TEST_F(AssetBaseTest, PartFilesOddNamesHiddenAndMarkedFilesAreInNoList)
     EXPECT_EQ(assets.md5("/marked"), "") << "left out of the list that the second scan stored";
 }
 
+// Links are followed, but never into a folder of the path that leads to them: a link back to the
+// root, or to a folder above it, would otherwise be walked for ever. A link to a folder beside it
+// is no loop, and its files are listed under both names.
+TEST_F(AssetBaseTest, LinksBackIntoOrAboveTheRootAreNotWalkedAgain)
+{
+    const QString root = path("/root");
+    writeFile(root + "/a", "a");
+    writeFile(root + "/sub/b", "b");
+    writeFile(path("/outside/c"), "c");
+    ASSERT_TRUE(QFile::link(root, root + "/sub/loop"));
+    ASSERT_TRUE(QFile::link(m_dir.path(), root + "/sub/up"));
+    ASSERT_TRUE(QFile::link(root + "/sub", root + "/alias"));
+    AssetBase assets(root);
+    EXPECT_EQ(assets.buildFileList(nullptr).keys(),
+              (QStringList{"/a", "/alias/b", "/alias/up/outside/c", "/sub/b", "/sub/up/outside/c"}));
+}
+
 TEST_F(AssetBaseTest, StopIsFinalAndAStoppedScanChangesNothing)
 {
     writeFile(path("/a"), "one", s_then);

@@ -49,5 +49,12 @@ TEST(DirectoryListing, AgreesWithQDirOnFilesFoldersHiddenNamesLinksAndSpecialFil
         }
     }
     EXPECT_EQ(listed.at("link").modifiedMs, 1500000000123);
+    // A folder has one id whatever leads to it: its entry, a link to it, the listing of it.
+    Kestrel::DirectoryId sub;
+    Kestrel::listDirectory(root + "/sub", &sub);
+    EXPECT_TRUE(listed.at("sub").id == sub && listed.at("dirlink").id == sub);
+    Kestrel::DirectoryId inner;
+    Kestrel::listDirectory(root + "/sub/inner", &inner);
+    EXPECT_FALSE(inner == sub);
     EXPECT_TRUE(Kestrel::listDirectory(root + "/missing").empty());
 }

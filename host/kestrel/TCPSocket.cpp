@@ -23,8 +23,9 @@ namespace {
 const int s_connectSliceMs = 100;   // how soon a close() during open() is noticed
 // Reads smaller than this are served from a buffer filled by one recv of up to this size, so that
 // reading a protocol line byte by byte costs no system call per byte. Larger reads go straight
-// into the caller's memory once the buffer is empty.
-const int s_readAhead = 65536;
+// into the caller's memory once the buffer is empty; the buffer is small so that little of a
+// large block behind a line is copied twice.
+const int s_readAhead = 8192;
 
 // Connects a fresh non-blocking socket, watching for close() on `descriptor` between slices.
 int connectWithin(SocketDescriptor &descriptor, int fd, const sockaddr *address, socklen_t length,

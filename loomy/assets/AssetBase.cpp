@@ -1,5 +1,6 @@
 #include "loomy/assets/AssetBase.h"
 
+#include "kestrel/Condition.h"
 #include "kestrel/DirectoryListing.h"
 #include "kestrel/Mutex.h"
 #include "kestrel/Trace.h"
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <map>
 #include <vector>
 
@@ -34,6 +36,8 @@ struct Walked
 };
 
 const int s_hashBlock = 4096;
+// Bytes of received parts that may wait for the hash feeder before their receiver waits too.
+const long long s_hashBacklog = 4 << 20;
 
 // Partial downloads, and names with a character that the file commands' name pattern can't
 // carry, are left out of every list: the names that QDir's (case-insensitive) wildcard filters
@@ -56,6 +60,82 @@ void report(ProgressSender *sender, const QString &text)
     if (sender)
         sender->transferInfo(text);
 }
+
+// Feeds the running hashes of downloads on a thread of its own, so that a connection receives its
+// next part while the last one is hashed. Hashes are fed in the order the data came.
+class HashFeeder : public Kestrel::Thread
+{
+public:
+    // `hashMutex` is held while a hash is fed, and must be held by anyone who reads one.
+    explicit HashFeeder(Kestrel::Mutex &hashMutex) : Kestrel::Thread(QStringLiteral("LoomyHash")), m_hashMutex(hashMutex) {}
+    ~HashFeeder() override
+    {
+        {
+            Kestrel::MutexLocker lock(m_mutex);
+            m_running = false;
+        }
+        m_condition.wakeAll(m_mutex);
+        waitEnd(0);
+    }
+
+    // Queues the bytes for the hash; waits while the queue holds more than s_hashBacklog bytes.
+    void add(std::shared_ptr<QCryptographicHash> hash, const QByteArray &data)
+    {
+        Kestrel::MutexLocker lock(m_mutex);
+        while (m_queuedBytes > s_hashBacklog)
+            m_condition.wait(m_mutex, 100);
+        if (!isRunning())
+            run();
+        m_queue.emplace_back(std::move(hash), data);
+        m_queuedBytes += data.size();
+        ++m_added;
+        m_condition.wakeAll();
+    }
+
+    // Returns once everything queued before the call has been fed.
+    void drain()
+    {
+        Kestrel::MutexLocker lock(m_mutex);
+        const unsigned long long target = m_added;
+        while (m_fed < target)
+            m_condition.wait(m_mutex, 100);
+    }
+
+protected:
+    void childLoop() override
+    {
+        Kestrel::MutexLocker lock(m_mutex);
+        for (;;) {
+            if (m_queue.empty()) {
+                if (!m_running)
+                    return;
+                m_condition.wait(m_mutex, 100);
+                continue;
+            }
+            const auto job = std::move(m_queue.front());
+            m_queue.pop_front();
+            lock.unlock();
+            {
+                Kestrel::MutexLocker hashLock(m_hashMutex);
+                job.first->addData(job.second);
+            }
+            lock.relock();
+            m_queuedBytes -= job.second.size();
+            ++m_fed;
+            m_condition.wakeAll();
+        }
+    }
+
+private:
+    Kestrel::Mutex &m_hashMutex;
+    Kestrel::Mutex m_mutex;                   // guards the rest; a leaf
+    Kestrel::Condition m_condition;           // the queue or the fed count changed, or the end
+    std::deque<std::pair<std::shared_ptr<QCryptographicHash>, QByteArray>> m_queue;
+    long long m_queuedBytes = 0;
+    unsigned long long m_added = 0;           // jobs queued so far
+    unsigned long long m_fed = 0;             // jobs fed so far
+    bool m_running = true;
+};
 
 } // namespace
 
@@ -112,6 +192,10 @@ public:
                                                // its hashes are fed under readMutex too
 
     mutable Kestrel::Mutex readMutex;          // leaf: no other lock is taken while it is held
+
+    // The running hashes of downloadList are fed by hashFeeder, and read, under hashMutex (a leaf).
+    mutable Kestrel::Mutex hashMutex;
+    std::unique_ptr<HashFeeder> hashFeeder = std::make_unique<HashFeeder>(hashMutex);
 };
 
 // The walk of one folder: `path` is its name, beginning and ending in "/", and is given back as
@@ -345,11 +429,17 @@ bool AssetBase::increasePartCount(QString name)
 
 void AssetBase::downloadListAddHashData(QString name, QByteArray &data)
 {
-    Kestrel::MutexLocker lock(m_d->downloadMutex);
-    Kestrel::MutexLocker readLock(m_d->readMutex);
-    const FileInfo *record = m_d->findDownload(name);
-    if (record && record->hash)
-        record->hash->addData(data);
+    std::shared_ptr<QCryptographicHash> hash;
+    {
+        Kestrel::MutexLocker lock(m_d->downloadMutex);
+        Kestrel::MutexLocker readLock(m_d->readMutex);
+        const FileInfo *record = m_d->findDownload(name);
+        if (record)
+            hash = record->hash;
+    }
+    // Outside the locks: the feeder may make this wait until it has caught up.
+    if (hash)
+        m_d->hashFeeder->add(std::move(hash), data);
 }
 
 QString AssetBase::downloadListMD5(QString name) const
@@ -361,11 +451,19 @@ QString AssetBase::downloadListMD5(QString name) const
 
 QString AssetBase::downloadListPartMD5(QString name) const
 {
+    std::shared_ptr<QCryptographicHash> hash;
+    {
+        Kestrel::MutexLocker lock(m_d->readMutex);
+        const FileInfo *record = m_d->findDownload(name);
+        if (!record || !record->hash)
+            return QString();
+        hash = record->hash;
+    }
+    m_d->hashFeeder->drain();
     // result() works on a copy of the state, so the hash can go on; it does write the hash's
     // cached result, hence the lock.
-    Kestrel::MutexLocker lock(m_d->readMutex);
-    const FileInfo *record = m_d->findDownload(name);
-    return record && record->hash ? QString::fromLatin1(record->hash->result().toHex()) : QString();
+    Kestrel::MutexLocker lock(m_d->hashMutex);
+    return QString::fromLatin1(hash->result().toHex());
 }
 
 QDateTime AssetBase::downloadListStartTime(QString name)

@@ -173,6 +173,21 @@ TEST_F(AssetBaseTest, DownloadListRecordsAndClearingOneConnectionsDownloads)
     EXPECT_EQ(assets.md5("/new"), "") << "no scan";
 }
 
+// Parts are hashed off the receiving thread: more than the feeder's backlog, fed at once, and the
+// running MD5 read right after the last covers all of them, in order.
+TEST_F(AssetBaseTest, TheRunningMD5CoversEveryPartFedBeforeItIsRead)
+{
+    AssetBase assets(m_dir.path());
+    ASSERT_TRUE(assets.addFileToDownloadList("/big", 0, 0, md5Hex(""), Kestrel::TimeStamp(1)));
+    QCryptographicHash all(QCryptographicHash::Md5);
+    for (unsigned seed = 0; seed < 160; ++seed) {   // 10 MiB
+        QByteArray part = pattern(65536, seed);
+        all.addData(part);
+        assets.downloadListAddHashData("/big", part);
+    }
+    EXPECT_EQ(assets.downloadListPartMD5("/big"), QString::fromLatin1(all.result().toHex()));
+}
+
 // A failed download adds nothing, and only the last removal scans (the new file appears) and
 // calls transferFinished, after its scan.
 TEST_F(AssetBaseTest, TheLastRemovalFromTheDownloadListScansOnceAndFinishes)

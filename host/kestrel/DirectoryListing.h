@@ -3,6 +3,7 @@
 
 #include <QString>
 
+#include <memory>
 #include <vector>
 
 namespace Kestrel {
@@ -32,5 +33,24 @@ struct DirectoryEntry
 // what makes it much cheaper than QFileInfo for large trees. Empty if the folder can't be read.
 // `self`, if given, receives the folder's own id (left alone if the folder can't be read).
 KESTREL_EXPORT std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self = nullptr);
+
+// listDirectory with helper threads, for the walk of a large tree: the stat calls, which are most
+// of the cost of a large folder, are shared between the caller and the helpers. Same entries in
+// the same order. One thread at a time calls list(); the helpers live as long as the object.
+class KESTREL_EXPORT DirectoryLister
+{
+public:
+    DirectoryLister();                     // one helper per further core, at most three
+    explicit DirectoryLister(int helpers);
+    ~DirectoryLister();
+    DirectoryLister(const DirectoryLister &) = delete;
+    DirectoryLister &operator=(const DirectoryLister &) = delete;
+
+    std::vector<DirectoryEntry> list(const QString &path, DirectoryId *self = nullptr);
+
+private:
+    class D;
+    std::unique_ptr<D> m_d;
+};
 
 } // namespace Kestrel

@@ -89,7 +89,9 @@ public:
         m_queue.emplace_back(std::move(hash), data);
         m_queuedBytes += data.size();
         ++m_added;
-        m_condition.wakeAll();
+        // Only an idle feeder waits for work; waking it for every part would cost a switch each.
+        if (m_queue.size() == 1)
+            m_condition.wakeAll();
     }
 
     // Returns once everything queued before the call has been fed.
@@ -122,7 +124,10 @@ protected:
             lock.relock();
             m_queuedBytes -= job.second.size();
             ++m_fed;
-            m_condition.wakeAll();
+            // Waiters are a receiver held back by the backlog, which resumes once half of it is
+            // fed, and drain(), which needs the queue empty.
+            if (m_queue.empty() || (m_queuedBytes <= s_hashBacklog / 2 && m_queuedBytes + job.second.size() > s_hashBacklog / 2))
+                m_condition.wakeAll();
         }
     }
 
@@ -172,7 +177,8 @@ AssetBase::FileInfo::FileInfo(const QDateTime &ts_, const QByteArray &md5_, long
 class AssetBase::D
 {
 public:
-    long long walk(QString &path, std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked);
+    long long walk(Kestrel::DirectoryLister &lister, QString &path, std::vector<Kestrel::DirectoryId> &ancestors,
+                   Walked &walked);
     QString cacheArray() const { return QStringLiteral("FileList/") + root; }
     QString fullPath(const QString &name) const { return root + name; }
     const FileInfo *findDownload(const QString &name) const;   // readMutex held
@@ -203,10 +209,11 @@ public:
 // held (the iterators of `walked` point into fileList). The listing is that of QDir with
 // QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot (hidden names out,
 // links followed); see isInvisible for what it leaves out.
-long long AssetBase::D::walk(QString &path, std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked)
+long long AssetBase::D::walk(Kestrel::DirectoryLister &lister, QString &path,
+                             std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked)
 {
     Kestrel::DirectoryId self;
-    const std::vector<Kestrel::DirectoryEntry> entries = Kestrel::listDirectory(root + path, &self);
+    const std::vector<Kestrel::DirectoryEntry> entries = lister.list(root + path, &self);
     // A link to this folder or to one above it would lead into it again, for ever.
     ancestors.push_back(self);
     const int length = path.size();
@@ -222,7 +229,7 @@ long long AssetBase::D::walk(QString &path, std::vector<Kestrel::DirectoryId> &a
             if (std::find(ancestors.cbegin(), ancestors.cend(), entry.id) != ancestors.cend())
                 continue;
             path += QLatin1Char('/');
-            bytes += walk(path, ancestors, walked);
+            bytes += walk(lister, path, ancestors, walked);
             continue;
         }
         if (removeQueue.count(path))
@@ -295,7 +302,8 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
         Kestrel::MutexLocker removeLock(m_d->removeMutex);
         QString path = QStringLiteral("/");
         std::vector<Kestrel::DirectoryId> ancestors;
-        m_d->walk(path, ancestors, walked);
+        Kestrel::DirectoryLister lister;   // the stat calls of a large folder on several cores
+        m_d->walk(lister, path, ancestors, walked);
     }
     QMap<QString, FileInfo> result;
     // Every record found unchanged and nothing else: the list itself, shared, which also makes the

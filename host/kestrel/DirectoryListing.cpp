@@ -2,6 +2,14 @@
 
 #include <QFile>
 
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,34 +17,183 @@
 
 namespace Kestrel {
 
-std::vector<DirectoryEntry> listDirectory(const QString &path)
+namespace {
+
+// Names of one folder per stat batch that a helper takes at a time.
+const int s_batch = 128;
+
+DirectoryId idOf(const struct stat &st)
+{
+    return {(unsigned long long)st.st_dev, (unsigned long long)st.st_ino};
+}
+
+// Most names are ASCII, which every locale codec decodes alike; only the others pay for the codec.
+QString decodeName(const char *name)
+{
+    const char *end = name;
+    bool ascii = true;
+    for (; *end; ++end)
+        ascii = ascii && (unsigned char)*end < 0x80;
+    return ascii ? QString::fromLatin1(name, int(end - name)) : QFile::decodeName(name);
+}
+
+// Fills `entry` from a stat of `name` in the folder `fd`; false for what the listing leaves out.
+bool statEntry(int fd, const char *name, DirectoryEntry &entry)
+{
+    struct stat st;
+    if (::fstatat(fd, name, &st, 0) != 0)
+        return false;   // vanished, or a broken link
+    const bool isDir = S_ISDIR(st.st_mode);
+    if (!isDir && !S_ISREG(st.st_mode))
+        return false;
+    // Most entries are readable by everyone; only the others cost a second call.
+    if (!(st.st_mode & S_IROTH) && ::faccessat(fd, name, R_OK, AT_EACCESS) != 0)
+        return false;
+    entry.name = decodeName(name);
+    entry.isDir = isDir;
+    entry.size = st.st_size;
+    entry.modifiedMs = (long long)st.st_mtim.tv_sec * 1000 + st.st_mtim.tv_nsec / 1000000;
+    entry.id = idOf(st);
+    return true;
+}
+
+// The names of one folder and their stat results, shared between the threads that list it.
+struct Batches
+{
+    int fd = -1;
+    std::vector<char> names;           // each name with its terminating zero
+    std::vector<int> starts;           // offset of each name in `names`
+    std::vector<DirectoryEntry> found; // by name index
+    std::vector<char> listed;          // by name index: found[i] holds an entry
+    std::atomic<int> next{0};          // next batch to take
+
+    void run()
+    {
+        const int count = int(starts.size());
+        for (int batch; (batch = next.fetch_add(1)) * s_batch < count;) {
+            const int end = std::min(count, (batch + 1) * s_batch);
+            for (int i = batch * s_batch; i < end; ++i)
+                listed[i] = statEntry(fd, names.data() + starts[i], found[i]);
+        }
+    }
+};
+
+// With `helpers`, folders of more than one batch are stat'ed by several threads.
+std::vector<DirectoryEntry> listWith(const QString &path, DirectoryId *self,
+                                     const std::function<void(Batches &)> &helpers)
 {
     std::vector<DirectoryEntry> entries;
     DIR *dir = ::opendir(QFile::encodeName(path).constData());
     if (!dir)
         return entries;
-    const int fd = ::dirfd(dir);
+    Batches batches;
+    batches.fd = ::dirfd(dir);
+    struct stat st;
+    if (self && ::fstat(batches.fd, &st) == 0)
+        *self = idOf(st);
     while (const dirent *item = ::readdir(dir)) {
         if (item->d_name[0] == '.')
             continue;   // hidden, "." and ".."
-        struct stat st;
-        if (::fstatat(fd, item->d_name, &st, 0) != 0)
-            continue;   // vanished, or a broken link
-        const bool isDir = S_ISDIR(st.st_mode);
-        if (!isDir && !S_ISREG(st.st_mode))
-            continue;
-        // Most entries are readable by everyone; only the others cost a second call.
-        if (!(st.st_mode & S_IROTH) && ::faccessat(fd, item->d_name, R_OK, AT_EACCESS) != 0)
-            continue;
-        DirectoryEntry entry;
-        entry.name = QFile::decodeName(item->d_name);
-        entry.isDir = isDir;
-        entry.size = st.st_size;
-        entry.modifiedMs = (long long)st.st_mtim.tv_sec * 1000 + st.st_mtim.tv_nsec / 1000000;
-        entries.push_back(std::move(entry));
+        batches.starts.push_back(int(batches.names.size()));
+        batches.names.insert(batches.names.end(), item->d_name, item->d_name + std::strlen(item->d_name) + 1);
     }
+    const size_t count = batches.starts.size();
+    batches.found.resize(count);
+    batches.listed.assign(count, 0);
+    if (helpers && count > size_t(s_batch))
+        helpers(batches);
+    else
+        batches.run();
     ::closedir(dir);
+    entries.reserve(count);
+    for (size_t i = 0; i < count; ++i) {
+        if (batches.listed[i])
+            entries.push_back(std::move(batches.found[i]));
+    }
     return entries;
+}
+
+} // namespace
+
+std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self)
+{
+    return listWith(path, self, nullptr);
+}
+
+// The caller posts a folder's batches as `job` and takes batches itself; helpers that see the job
+// take batches too. Before the caller returns, it withdraws the job and waits until no helper is
+// inside it, so no helper touches a folder that is gone.
+class DirectoryLister::D
+{
+public:
+    std::mutex mutex;                    // guards the members below
+    std::condition_variable wake;        // a new job, or the end
+    std::condition_variable left;        // a helper left a job
+    Batches *job = nullptr;
+    unsigned long long generation = 0;   // counts jobs, so that a helper joins each one once
+    int inside = 0;                      // helpers working on `job`
+    bool ending = false;
+    std::vector<std::thread> threads;
+
+    void help()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        unsigned long long seen = 0;
+        for (;;) {
+            wake.wait(lock, [&] { return ending || (job && generation != seen); });
+            if (ending)
+                return;
+            seen = generation;
+            Batches *batches = job;
+            ++inside;
+            lock.unlock();
+            batches->run();
+            lock.lock();
+            --inside;
+            left.notify_all();
+        }
+    }
+};
+
+DirectoryLister::DirectoryLister()
+    : DirectoryLister(std::clamp(int(std::thread::hardware_concurrency()) - 1, 0, 3))
+{
+}
+
+DirectoryLister::DirectoryLister(int helpers)
+    : m_d(std::make_unique<D>())
+{
+    for (int i = 0; i < helpers; ++i)
+        m_d->threads.emplace_back([this] { m_d->help(); });
+}
+
+DirectoryLister::~DirectoryLister()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_d->mutex);
+        m_d->ending = true;
+    }
+    m_d->wake.notify_all();
+    for (std::thread &thread : m_d->threads)
+        thread.join();
+}
+
+std::vector<DirectoryEntry> DirectoryLister::list(const QString &path, DirectoryId *self)
+{
+    if (m_d->threads.empty())
+        return listDirectory(path, self);
+    return listWith(path, self, [this](Batches &batches) {
+        {
+            std::lock_guard<std::mutex> lock(m_d->mutex);
+            m_d->job = &batches;
+            ++m_d->generation;
+        }
+        m_d->wake.notify_all();
+        batches.run();
+        std::unique_lock<std::mutex> lock(m_d->mutex);
+        m_d->job = nullptr;
+        m_d->left.wait(lock, [&] { return m_d->inside == 0; });
+    });
 }
 
 } // namespace Kestrel

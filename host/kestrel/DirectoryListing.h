@@ -3,9 +3,18 @@
 
 #include <QString>
 
+#include <memory>
 #include <vector>
 
 namespace Kestrel {
+
+// What tells two directories apart whatever the names that lead to them (links followed).
+struct DirectoryId
+{
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+    bool operator==(const DirectoryId &other) const { return device == other.device && inode == other.inode; }
+};
 
 // One entry of a directory, with what a stat() of it gives (links followed).
 struct DirectoryEntry
@@ -14,6 +23,7 @@ struct DirectoryEntry
     bool isDir = false;           // otherwise a regular file
     long long size = 0;
     long long modifiedMs = 0;     // modification time, milliseconds since the Unix epoch (UTC)
+    DirectoryId id;               // of what the entry leads to; meaningful for directories
 };
 
 // The entries of a folder that QDir::entryInfoList lists with the filters QDir::Files |
@@ -21,6 +31,26 @@ struct DirectoryEntry
 // symbolic links followed (broken ones left out), hidden (dot) names and unreadable entries left
 // out, in the directory's own order. One stat per entry and no time-zone conversion, which is
 // what makes it much cheaper than QFileInfo for large trees. Empty if the folder can't be read.
-KESTREL_EXPORT std::vector<DirectoryEntry> listDirectory(const QString &path);
+// `self`, if given, receives the folder's own id (left alone if the folder can't be read).
+KESTREL_EXPORT std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self = nullptr);
+
+// listDirectory with helper threads, for the walk of a large tree: the stat calls, which are most
+// of the cost of a large folder, are shared between the caller and the helpers. Same entries in
+// the same order. One thread at a time calls list(); the helpers live as long as the object.
+class KESTREL_EXPORT DirectoryLister
+{
+public:
+    DirectoryLister();                     // one helper per further core, at most three
+    explicit DirectoryLister(int helpers);
+    ~DirectoryLister();
+    DirectoryLister(const DirectoryLister &) = delete;
+    DirectoryLister &operator=(const DirectoryLister &) = delete;
+
+    std::vector<DirectoryEntry> list(const QString &path, DirectoryId *self = nullptr);
+
+private:
+    class D;
+    std::unique_ptr<D> m_d;
+};
 
 } // namespace Kestrel

@@ -21,6 +21,11 @@ namespace Kestrel {
 namespace {
 
 const int s_connectSliceMs = 100;   // how soon a close() during open() is noticed
+// Reads smaller than this are served from a buffer filled by one recv of up to this size, so that
+// reading a protocol line byte by byte costs no system call per byte. Larger reads go straight
+// into the caller's memory once the buffer is empty; the buffer is small so that little of a
+// large block behind a line is copied twice.
+const int s_readAhead = 8192;
 
 // Connects a fresh non-blocking socket, watching for close() on `descriptor` between slices.
 int connectWithin(SocketDescriptor &descriptor, int fd, const sockaddr *address, socklen_t length,
@@ -59,6 +64,10 @@ public:
     std::atomic<unsigned long long> rx{0};
     std::atomic<unsigned long long> tx{0};
     std::atomic<int> writeTimeoutMs{0};
+    // The reading thread's: bytes received and not yet delivered are input[inputBegin, inputEnd).
+    std::unique_ptr<char[]> input;
+    int inputBegin = 0;
+    int inputEnd = 0;
 };
 
 TCPSocket::TCPSocket()
@@ -81,6 +90,7 @@ TCPSocket::~TCPSocket()
 int TCPSocket::open(const char *host, int port, int timeoutMilliseconds)
 {
     close();
+    m_d->inputBegin = m_d->inputEnd = 0;   // what the last connection left unread isn't this one's
     // One deadline for all the addresses of the name, so that the caller's limit holds.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(timeoutMilliseconds, 0));
     addrinfo hints{};
@@ -135,19 +145,36 @@ int TCPSocket::read(void *buffer, int bytes, Flags flags)
         return 0;
     char *out = static_cast<char *>(buffer);
     int done = 0;
-    while (done < bytes) {
-        const ssize_t n = ::recv(fd, out + done, size_t(bytes - done), 0);
+    // Invariant: bytes are delivered in the order they came, the buffered ones first; the buffer
+    // is refilled only once it is empty.
+    const auto takeBuffered = [&] {
+        const int step = std::min(bytes - done, m_d->inputEnd - m_d->inputBegin);
+        std::memcpy(out + done, m_d->input.get() + m_d->inputBegin, size_t(step));
+        m_d->inputBegin += step;
+        done += step;
+    };
+    takeBuffered();
+    while (done < bytes && (done == 0 || (flags & WaitAll))) {
+        const bool direct = bytes - done >= s_readAhead;
+        if (!direct && !m_d->input)
+            m_d->input.reset(new char[s_readAhead]);
+        const ssize_t n = direct ? ::recv(fd, out + done, size_t(bytes - done), 0)
+                                 : ::recv(fd, m_d->input.get(), size_t(s_readAhead), 0);
         if (n > 0) {
-            done += int(n);
-            m_d->rx += (unsigned long long)n;
-            if (!(flags & WaitAll))
-                break;
+            if (direct) {
+                done += int(n);
+            } else {
+                m_d->inputBegin = 0;
+                m_d->inputEnd = int(n);
+                takeBuffered();
+            }
         } else if (n < 0 && errno == EINTR) {
             continue;
         } else {
             break;   // 0: the peer closed (or we shut down); below 0: the connection failed
         }
     }
+    m_d->rx += (unsigned long long)done;
     m_d->descriptor.release();
     return done;
 }

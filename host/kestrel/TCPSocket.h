@@ -10,7 +10,8 @@ namespace Kestrel {
 // Threads: one thread may read while another writes, and close() may come from any thread: it
 // shuts the connection down, which wakes a blocked read or write at once, and the descriptor is
 // released only when no read or write is inside any more, so that a descriptor number reused by
-// the process is never touched. Counters are atomic.
+// the process is never touched. Counters are atomic. Small reads are served from a read-ahead
+// buffer of the reading thread, so open() is for that thread too, or for when none reads.
 class KESTREL_EXPORT TCPSocket
 {
 public:

@@ -1,5 +1,6 @@
 #include "loomy/assets/AssetBase.h"
 
+#include "kestrel/Condition.h"
 #include "kestrel/DirectoryListing.h"
 #include "kestrel/Mutex.h"
 #include "kestrel/Trace.h"
@@ -10,7 +11,9 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <algorithm>
 #include <atomic>
+#include <deque>
 #include <map>
 #include <vector>
 
@@ -24,9 +27,17 @@ struct Found
     QDateTime modified;
     long long size;
 };
-using ToHash = std::vector<Found>;
+
+// What a walk finds: records of the file list whose time is unchanged, and the files to hash.
+struct Walked
+{
+    std::vector<QMap<QString, AssetBase::FileInfo>::const_iterator> unchanged;   // into the file list
+    std::vector<Found> toHash;
+};
 
 const int s_hashBlock = 4096;
+// Bytes of received parts that may wait for the hash feeder before their receiver waits too.
+const long long s_hashBacklog = 4 << 20;
 
 // Partial downloads, and names with a character that the file commands' name pattern can't
 // carry, are left out of every list: the names that QDir's (case-insensitive) wildcard filters
@@ -49,6 +60,87 @@ void report(ProgressSender *sender, const QString &text)
     if (sender)
         sender->transferInfo(text);
 }
+
+// Feeds the running hashes of downloads on a thread of its own, so that a connection receives its
+// next part while the last one is hashed. Hashes are fed in the order the data came.
+class HashFeeder : public Kestrel::Thread
+{
+public:
+    // `hashMutex` is held while a hash is fed, and must be held by anyone who reads one.
+    explicit HashFeeder(Kestrel::Mutex &hashMutex) : Kestrel::Thread(QStringLiteral("LoomyHash")), m_hashMutex(hashMutex) {}
+    ~HashFeeder() override
+    {
+        {
+            Kestrel::MutexLocker lock(m_mutex);
+            m_running = false;
+        }
+        m_condition.wakeAll(m_mutex);
+        waitEnd(0);
+    }
+
+    // Queues the bytes for the hash; waits while the queue holds more than s_hashBacklog bytes.
+    void add(std::shared_ptr<QCryptographicHash> hash, const QByteArray &data)
+    {
+        Kestrel::MutexLocker lock(m_mutex);
+        while (m_queuedBytes > s_hashBacklog)
+            m_condition.wait(m_mutex, 100);
+        if (!isRunning())
+            run();
+        m_queue.emplace_back(std::move(hash), data);
+        m_queuedBytes += data.size();
+        ++m_added;
+        // Only an idle feeder waits for work; waking it for every part would cost a switch each.
+        if (m_queue.size() == 1)
+            m_condition.wakeAll();
+    }
+
+    // Returns once everything queued before the call has been fed.
+    void drain()
+    {
+        Kestrel::MutexLocker lock(m_mutex);
+        const unsigned long long target = m_added;
+        while (m_fed < target)
+            m_condition.wait(m_mutex, 100);
+    }
+
+protected:
+    void childLoop() override
+    {
+        Kestrel::MutexLocker lock(m_mutex);
+        for (;;) {
+            if (m_queue.empty()) {
+                if (!m_running)
+                    return;
+                m_condition.wait(m_mutex, 100);
+                continue;
+            }
+            const auto job = std::move(m_queue.front());
+            m_queue.pop_front();
+            lock.unlock();
+            {
+                Kestrel::MutexLocker hashLock(m_hashMutex);
+                job.first->addData(job.second);
+            }
+            lock.relock();
+            m_queuedBytes -= job.second.size();
+            ++m_fed;
+            // Waiters are a receiver held back by the backlog, which resumes once half of it is
+            // fed, and drain(), which needs the queue empty.
+            if (m_queue.empty() || (m_queuedBytes <= s_hashBacklog / 2 && m_queuedBytes + job.second.size() > s_hashBacklog / 2))
+                m_condition.wakeAll();
+        }
+    }
+
+private:
+    Kestrel::Mutex &m_hashMutex;
+    Kestrel::Mutex m_mutex;                   // guards the rest; a leaf
+    Kestrel::Condition m_condition;           // the queue or the fed count changed, or the end
+    std::deque<std::pair<std::shared_ptr<QCryptographicHash>, QByteArray>> m_queue;
+    long long m_queuedBytes = 0;
+    unsigned long long m_added = 0;           // jobs queued so far
+    unsigned long long m_fed = 0;             // jobs fed so far
+    bool m_running = true;
+};
 
 } // namespace
 
@@ -85,7 +177,8 @@ AssetBase::FileInfo::FileInfo(const QDateTime &ts_, const QByteArray &md5_, long
 class AssetBase::D
 {
 public:
-    long long walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash);
+    long long walk(Kestrel::DirectoryLister &lister, QString &path, std::vector<Kestrel::DirectoryId> &ancestors,
+                   Walked &walked);
     QString cacheArray() const { return QStringLiteral("FileList/") + root; }
     QString fullPath(const QString &name) const { return root + name; }
     const FileInfo *findDownload(const QString &name) const;   // readMutex held
@@ -105,36 +198,53 @@ public:
                                                // its hashes are fed under readMutex too
 
     mutable Kestrel::Mutex readMutex;          // leaf: no other lock is taken while it is held
+
+    // The running hashes of downloadList are fed by hashFeeder, and read, under hashMutex (a leaf).
+    mutable Kestrel::Mutex hashMutex;
+    std::unique_ptr<HashFeeder> hashFeeder = std::make_unique<HashFeeder>(hashMutex);
 };
 
-// The walk of one folder, `directory` beginning and ending in "/". listMutex and removeMutex held.
-// The listing is that of QDir with QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot |
-// QDir::NoDotDot (hidden names out, links followed); see isInvisible for what it leaves out.
-long long AssetBase::D::walk(const QString &directory, QMap<QString, FileInfo> &result, ToHash &toHash)
+// The walk of one folder: `path` is its name, beginning and ending in "/", and is given back as
+// it came; `ancestors` are the folders from the root down to its parent. listMutex and removeMutex
+// held (the iterators of `walked` point into fileList). The listing is that of QDir with
+// QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot (hidden names out,
+// links followed); see isInvisible for what it leaves out.
+long long AssetBase::D::walk(Kestrel::DirectoryLister &lister, QString &path,
+                             std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked)
 {
+    Kestrel::DirectoryId self;
+    const std::vector<Kestrel::DirectoryEntry> entries = lister.list(root + path, &self);
+    // A link to this folder or to one above it would lead into it again, for ever.
+    ancestors.push_back(self);
+    const int length = path.size();
     long long bytes = 0;
-    for (const Kestrel::DirectoryEntry &entry : Kestrel::listDirectory(root + directory)) {
+    for (const Kestrel::DirectoryEntry &entry : entries) {
         if (!scanning)
             break;
         if (isInvisible(entry.name))
             continue;
-        const QString name = directory + entry.name;
+        path.truncate(length);
+        path += entry.name;
         if (entry.isDir) {
-            bytes += walk(name + QLatin1Char('/'), result, toHash);
+            if (std::find(ancestors.cbegin(), ancestors.cend(), entry.id) != ancestors.cend())
+                continue;
+            path += QLatin1Char('/');
+            bytes += walk(lister, path, ancestors, walked);
             continue;
         }
-        if (removeQueue.count(name))
+        if (removeQueue.count(path))
             continue;
         // The time alone decides: a file rewritten within the same timestamp isn't hashed again.
-        const QDateTime modified = QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC);
-        const auto known = fileList.constFind(name);
-        if (known != fileList.cend() && modified == known->ts) {
-            result.insert(name, *known);
+        const auto known = fileList.constFind(path);
+        if (known != fileList.cend() && known->ts.isValid() && known->ts.toMSecsSinceEpoch() == entry.modifiedMs) {
+            walked.unchanged.push_back(known);
             continue;
         }
-        toHash.push_back({name, modified, entry.size});
+        walked.toHash.push_back({path, QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC), entry.size});
         bytes += entry.size;
     }
+    path.truncate(length);
+    ancestors.pop_back();
     return bytes;
 }
 
@@ -187,14 +297,25 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
 {
     Kestrel::MutexLocker listLock(m_d->listMutex);
     report(sender, QStringLiteral("Scanning directory tree..."));
-    QMap<QString, FileInfo> result;
-    ToHash toHash;
+    Walked walked;
     {
         Kestrel::MutexLocker removeLock(m_d->removeMutex);
-        m_d->walk(QStringLiteral("/"), result, toHash);
+        QString path = QStringLiteral("/");
+        std::vector<Kestrel::DirectoryId> ancestors;
+        Kestrel::DirectoryLister lister;   // the stat calls of a large folder on several cores
+        m_d->walk(lister, path, ancestors, walked);
+    }
+    QMap<QString, FileInfo> result;
+    // Every record found unchanged and nothing else: the list itself, shared, which also makes the
+    // comparison below immediate. This is the rescan of an unchanged tree.
+    if (walked.toHash.empty() && walked.unchanged.size() == size_t(m_d->fileList.size())) {
+        result = m_d->fileList;
+    } else {
+        for (const auto &known : walked.unchanged)
+            result.insert(known.key(), *known);
     }
     char block[s_hashBlock];
-    for (const Found &item : toHash) {
+    for (const Found &item : walked.toHash) {
         if (!m_d->scanning)
             break;
         const QString &name = item.name;
@@ -316,11 +437,17 @@ bool AssetBase::increasePartCount(QString name)
 
 void AssetBase::downloadListAddHashData(QString name, QByteArray &data)
 {
-    Kestrel::MutexLocker lock(m_d->downloadMutex);
-    Kestrel::MutexLocker readLock(m_d->readMutex);
-    const FileInfo *record = m_d->findDownload(name);
-    if (record && record->hash)
-        record->hash->addData(data);
+    std::shared_ptr<QCryptographicHash> hash;
+    {
+        Kestrel::MutexLocker lock(m_d->downloadMutex);
+        Kestrel::MutexLocker readLock(m_d->readMutex);
+        const FileInfo *record = m_d->findDownload(name);
+        if (record)
+            hash = record->hash;
+    }
+    // Outside the locks: the feeder may make this wait until it has caught up.
+    if (hash)
+        m_d->hashFeeder->add(std::move(hash), data);
 }
 
 QString AssetBase::downloadListMD5(QString name) const
@@ -332,11 +459,19 @@ QString AssetBase::downloadListMD5(QString name) const
 
 QString AssetBase::downloadListPartMD5(QString name) const
 {
+    std::shared_ptr<QCryptographicHash> hash;
+    {
+        Kestrel::MutexLocker lock(m_d->readMutex);
+        const FileInfo *record = m_d->findDownload(name);
+        if (!record || !record->hash)
+            return QString();
+        hash = record->hash;
+    }
+    m_d->hashFeeder->drain();
     // result() works on a copy of the state, so the hash can go on; it does write the hash's
     // cached result, hence the lock.
-    Kestrel::MutexLocker lock(m_d->readMutex);
-    const FileInfo *record = m_d->findDownload(name);
-    return record && record->hash ? QString::fromLatin1(record->hash->result().toHex()) : QString();
+    Kestrel::MutexLocker lock(m_d->hashMutex);
+    return QString::fromLatin1(hash->result().toHex());
 }
 
 QDateTime AssetBase::downloadListStartTime(QString name)

@@ -123,9 +123,12 @@ public:
     /// Counts one more part received; false for an unknown name.
     bool increasePartCount(QString name);
     /// Adds the bytes of a received part to the name's running MD5; nothing for an unknown name.
+    /// The hashing runs on the thread "LoomyHash"; this waits only while more than 4 MiB of
+    /// parts are queued there.
     void downloadListAddHashData(QString name, QByteArray &data);
     QString downloadListMD5(QString name) const;       ///< announced; empty for an unknown name
-    QString downloadListPartMD5(QString name) const;   ///< of the parts so far; empty if unknown
+    /// Of all parts added so far: waits until they are hashed. Empty for an unknown name.
+    QString downloadListPartMD5(QString name) const;
     QDateTime downloadListStartTime(QString name);     ///< invalid for an unknown name
     /// Ends a download. With success the file list takes the announced checksum at once. The last
     /// removal from the list runs a scan and transferFinished, with the download lock held.

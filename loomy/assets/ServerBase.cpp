@@ -176,7 +176,8 @@ void ServerBase::childLoop()
             m_d->listenCondition.wait(m_d->listenMutex, (unsigned long)(left * 1000) + 1);
         }
     }
-    Kestrel::Trace::info("Listening %s:%d", host.constData(), m_d->port);
+    // The bound port, which differs from the configured one when that was 0.
+    Kestrel::Trace::info("Listening %s:%d", host.constData(), port());
 
     while (m_d->serverRunning) {
         if (!isPendingConnection(s_acceptPollMicroseconds))

@@ -99,6 +99,23 @@ TEST_F(AssetBaseTest, PartFilesOddNamesHiddenAndMarkedFilesAreInNoList)
     EXPECT_EQ(assets.md5("/marked"), "") << "left out of the list that the second scan stored";
 }
 
+// Links are followed, but never into a folder of the path that leads to them: a link back to the
+// root, or to a folder above it, would otherwise be walked for ever. A link to a folder beside it
+// is no loop, and its files are listed under both names.
+TEST_F(AssetBaseTest, LinksBackIntoOrAboveTheRootAreNotWalkedAgain)
+{
+    const QString root = path("/root");
+    writeFile(root + "/a", "a");
+    writeFile(root + "/sub/b", "b");
+    writeFile(path("/outside/c"), "c");
+    ASSERT_TRUE(QFile::link(root, root + "/sub/loop"));
+    ASSERT_TRUE(QFile::link(m_dir.path(), root + "/sub/up"));
+    ASSERT_TRUE(QFile::link(root + "/sub", root + "/alias"));
+    AssetBase assets(root);
+    EXPECT_EQ(assets.buildFileList(nullptr).keys(),
+              (QStringList{"/a", "/alias/b", "/alias/up/outside/c", "/sub/b", "/sub/up/outside/c"}));
+}
+
 TEST_F(AssetBaseTest, StopIsFinalAndAStoppedScanChangesNothing)
 {
     writeFile(path("/a"), "one", s_then);
@@ -154,6 +171,21 @@ TEST_F(AssetBaseTest, DownloadListRecordsAndClearingOneConnectionsDownloads)
     EXPECT_TRUE(assets.isDownloading("/others"));
     EXPECT_EQ(assets.finished, 0);
     EXPECT_EQ(assets.md5("/new"), "") << "no scan";
+}
+
+// Parts are hashed off the receiving thread: more than the feeder's backlog, fed at once, and the
+// running MD5 read right after the last covers all of them, in order.
+TEST_F(AssetBaseTest, TheRunningMD5CoversEveryPartFedBeforeItIsRead)
+{
+    AssetBase assets(m_dir.path());
+    ASSERT_TRUE(assets.addFileToDownloadList("/big", 0, 0, md5Hex(""), Kestrel::TimeStamp(1)));
+    QCryptographicHash all(QCryptographicHash::Md5);
+    for (unsigned seed = 0; seed < 160; ++seed) {   // 10 MiB
+        QByteArray part = pattern(65536, seed);
+        all.addData(part);
+        assets.downloadListAddHashData("/big", part);
+    }
+    EXPECT_EQ(assets.downloadListPartMD5("/big"), QString::fromLatin1(all.result().toHex()));
 }
 
 // A failed download adds nothing, and only the last removal scans (the new file appears) and

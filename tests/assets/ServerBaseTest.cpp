@@ -69,12 +69,17 @@ std::shared_ptr<RecordingConnection> client(int port)
 } // namespace
 
 // Three clients; the first leaves: its removal moves the last entry into its place, and the
-// object itself goes at the next host update, not before.
+// object itself goes at the next host update, not before. Asked for port 0, the server logs the
+// port it was given.
 TEST(ServerBase, ListAfterTheFirstOfThreeClientsLeavesAndTheObjectGoesAtTheHostUpdate)
 {
+    TraceCapture trace;
     Server server;
     server.run("127.0.0.1", 0);
-    ASSERT_TRUE(eventually([&] { return server.port() != 0; }));
+    ASSERT_TRUE(eventually([&] { return trace.lines(Kestrel::Trace::Level::Info).filter("Listening").size() == 1; }));
+    EXPECT_EQ(trace.lines(Kestrel::Trace::Level::Info).filter("Listening"),
+              QStringList{QStringLiteral("Listening 127.0.0.1:%1").arg(server.port())});
+    EXPECT_NE(server.port(), 0);
     std::vector<std::shared_ptr<RecordingConnection>> clients;
     for (int i = 0; i < 3; ++i) {
         clients.push_back(client(server.port()));

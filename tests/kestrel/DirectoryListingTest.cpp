@@ -49,5 +49,46 @@ TEST(DirectoryListing, AgreesWithQDirOnFilesFoldersHiddenNamesLinksAndSpecialFil
         }
     }
     EXPECT_EQ(listed.at("link").modifiedMs, 1500000000123);
+    // A folder has one id whatever leads to it: its entry, a link to it, the listing of it.
+    Kestrel::DirectoryId sub;
+    Kestrel::listDirectory(root + "/sub", &sub);
+    EXPECT_TRUE(listed.at("sub").id == sub && listed.at("dirlink").id == sub);
+    Kestrel::DirectoryId inner;
+    Kestrel::listDirectory(root + "/sub/inner", &inner);
+    EXPECT_FALSE(inner == sub);
     EXPECT_TRUE(Kestrel::listDirectory(root + "/missing").empty());
+}
+
+// Helpers share the stat calls of a large folder: the same entries in the same order, folder after
+// folder, whatever the number of helpers.
+TEST(DirectoryLister, ListsAsListDirectoryDoesFolderAfterFolder)
+{
+    QTemporaryDir dir;
+    const QString root = dir.path();
+    for (int i = 0; i < 700; ++i) {
+        QFile file(root + (i % 3 ? "/big/f" : "/other/f") + QString::number(i));
+        QDir().mkpath(QFileInfo(file).absolutePath());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray(i, 'x'));
+    }
+    QDir().mkpath(root + "/big/sub");
+    ASSERT_TRUE(QFile::link(root + "/nowhere", root + "/big/broken"));
+    ASSERT_TRUE(QFile::link(root + "/other", root + "/big/.hidden"));
+    const auto key = [](const std::vector<Kestrel::DirectoryEntry> &entries) {
+        QStringList out;
+        for (const auto &e : entries)
+            out << QStringLiteral("%1 %2 %3 %4 %5").arg(e.name).arg(e.isDir).arg(e.size).arg(e.modifiedMs).arg(e.id.inode);
+        return out;
+    };
+    for (const int helpers : {0, 1, 3}) {
+        Kestrel::DirectoryLister lister(helpers);
+        for (const char *folder : {"/big", "/other", "", "/big/sub", "/missing", "/big"}) {
+            SCOPED_TRACE(std::to_string(helpers) + folder);
+            Kestrel::DirectoryId expected, self;
+            const QStringList listed = key(lister.list(root + folder, &self));
+            EXPECT_EQ(listed, key(Kestrel::listDirectory(root + folder, &expected)));
+            EXPECT_TRUE(self == expected);
+        }
+    }
+    EXPECT_EQ(Kestrel::listDirectory(root + "/big").size(), 466u + 1u) << "the files and \"sub\"";
 }

@@ -67,6 +67,39 @@ TEST_F(TCPSocketPair, BytesTravelBothWaysAndOnlyAWaitAllReadWaitsForTheWholeCoun
     EXPECT_EQ(accepted->read(in.data(), 10, false), 0);
 }
 
+// Small reads come from the read-ahead buffer: mixed with large ones they keep the byte order, a
+// read without WaitAll returns what is buffered without waiting for more, and the counter counts
+// bytes delivered.
+TEST_F(TCPSocketPair, ReadsOfEverySizeKeepTheOrderAndABufferedReadDoesNotWait)
+{
+    QByteArray sent(300000, Qt::Uninitialized);
+    for (int i = 0; i < sent.size(); ++i)
+        sent[i] = char(i * 7 + i / 251);
+    auto writer = std::async(std::launch::async, [&] { return client.write(sent.constData(), sent.size()); });
+    QByteArray got(sent.size(), '\0');
+    int at = 0;
+    for (const int size : {1, 29, 70000, 3, 65536, 100, 131072}) {
+        ASSERT_EQ(accepted->read(got.data() + at, size, true), size) << at;
+        at += size;
+    }
+    while (at < sent.size()) {
+        const int n = accepted->read(got.data() + at, 7, false);
+        ASSERT_GT(n, 0);
+        at += n;
+    }
+    EXPECT_EQ(writer.get(), sent.size());
+    EXPECT_EQ(got, sent);
+    EXPECT_EQ(accepted->rxBytes(), (unsigned long long)sent.size());
+
+    client.write("hello", 5);
+    ASSERT_EQ(accepted->read(got.data(), 1, true), 1);
+    int rest = 0;   // "ello" may be buffered already, or come in more than one piece
+    while (rest < 4)
+        rest += accepted->read(got.data() + 1 + rest, 100, false);
+    EXPECT_EQ(rest, 4) << "no read waits for more than the peer sent";
+    EXPECT_EQ(got.left(5), "hello");
+}
+
 // After the close the peer's writes come back short, without a SIGPIPE that would end the tests.
 TEST_F(TCPSocketPair, CloseFromAnotherThreadWakesABlockedReadAndThePeerWritesShort)
 {

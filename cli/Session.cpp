@@ -696,6 +696,10 @@ int Session::run()
             for (const Goal &goal : m_goals)
                 if (!met(goal, failure))
                     missing << goal.option;
+            // Goals our own tree meets at once must not end the run before the changes given
+            // on the command line have gone to a peer, however slow its login.
+            if (!m_changesApplied && !m_changes.empty())
+                missing << QStringLiteral("the changes sent");
             if (!failure.isEmpty()) {
                 m_failure = failure.toUtf8();
             } else if (missing.isEmpty()) {

@@ -105,8 +105,15 @@ void ServerBase::closeConnections()
 
 QList<std::shared_ptr<ConnectionThread>> ServerBase::instances()
 {
+    // An element-wise copy, not a shared one: the caller's list must not share its storage with
+    // the one removals edit on the background pool. Qt decides whether a list is still shared
+    // with a relaxed load of its reference count, which orders nothing between threads.
     Kestrel::MutexLocker lock(m_d->instancesMutex);
-    return m_d->instances;
+    QList<std::shared_ptr<ConnectionThread>> copy;
+    copy.reserve(m_d->instances.size());
+    for (const auto &connection : qAsConst(m_d->instances))
+        copy.append(connection);
+    return copy;
 }
 
 void ServerBase::removeInstance(std::shared_ptr<ConnectionThread> connection)

@@ -21,6 +21,11 @@
 #include <memory>
 #include <thread>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 namespace {
 
 // One running loomy. Output is collected as it comes.
@@ -347,6 +352,25 @@ TEST_F(LoomyCommand, PeerThatNeverComesFailsAtTheTimeOut)
     auto client = run({"connect", at(port), "--expect", "a=1", "--timeout", "1"});
     EXPECT_EQ(client->finish(), 1);
     EXPECT_EQ(client->lastErrLine(), "loomy: FAIL: timed out after 1 s; not met: --expect a=1");
+}
+
+// A listener that accepts and never speaks: the client's own tree meets its goal at once, yet
+// its event has no peer to go to, so the run must fail instead of ending with success.
+TEST_F(LoomyCommand, GoalsMetByTheOwnTreeWaitForTheChangesToBeSent)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 4), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    auto client = run({"connect", at(ntohs(address.sin_port)), "--tree", LOOMY_SCENE, "--expect", "scene/frame=120",
+                       "--event", "done=", "--timeout", "2"});
+    EXPECT_EQ(client->finish(), 1);
+    EXPECT_EQ(client->lastErrLine(), "loomy: FAIL: timed out after 2 s; not met: the changes sent");
+    ::close(listener);
 }
 
 // The tap forwards both ways unchanged and prints the login and each batch with paths and values.

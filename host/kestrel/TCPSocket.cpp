@@ -149,6 +149,8 @@ int TCPSocket::read(void *buffer, int bytes, Flags flags)
     // is refilled only once it is empty.
     const auto takeBuffered = [&] {
         const int step = std::min(bytes - done, m_d->inputEnd - m_d->inputBegin);
+        if (step <= 0)
+            return;   // nothing buffered; the buffer may not even exist yet
         std::memcpy(out + done, m_d->input.get() + m_d->inputBegin, size_t(step));
         m_d->inputBegin += step;
         done += step;

@@ -257,9 +257,22 @@ const AssetBase::FileInfo *AssetBase::D::findDownload(const QString &name) const
 AssetBase::AssetBase(const QString &root)
     : m_d(std::make_unique<D>())
 {
+    // A folder that isn't there yet is made, as a download destination is expected to be: its
+    // canonical path would be empty, and every scan and download would then start at "/".
+    if (!root.isEmpty() && !QFileInfo::exists(root))
+        QDir().mkpath(root);
     m_d->root = QFileInfo(root).canonicalFilePath();
     while (m_d->root.endsWith(QLatin1Char('/')))
         m_d->root.chop(1);
+    if (m_d->root.isEmpty()) {
+        // Not made (no permission, a file in the way): the path as given, where nothing can be
+        // listed or written, rather than an empty root that would mean "/".
+        Kestrel::Trace::error("AssetBase::AssetBase # No folder at '%s'; nothing will be listed or stored",
+                              qUtf8Printable(root));
+        m_d->root = QFileInfo(root).absoluteFilePath();
+        while (m_d->root.endsWith(QLatin1Char('/')))
+            m_d->root.chop(1);
+    }
     m_d->fileListThread = std::make_unique<FileListThread>(this);
 
     QSettings cache(QStringLiteral("Brindlewax"), QStringLiteral("Cache"));
@@ -303,7 +316,8 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
         QString path = QStringLiteral("/");
         std::vector<Kestrel::DirectoryId> ancestors;
         Kestrel::DirectoryLister lister;   // the stat calls of a large folder on several cores
-        m_d->walk(lister, path, ancestors, walked);
+        if (!m_d->root.isEmpty())          // an empty root would walk the whole file system
+            m_d->walk(lister, path, ancestors, walked);
     }
     QMap<QString, FileInfo> result;
     // Every record found unchanged and nothing else: the list itself, shared, which also makes the

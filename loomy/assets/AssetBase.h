@@ -83,7 +83,8 @@ public:
         bool operator!=(const FileInfo &other) const { return !(*this == other); }
     };
 
-    /// root: the folder whose files this base lists and receives; the checksum cache is read here.
+    /// root: the folder whose files this base lists and receives, made if it doesn't exist yet; the
+    /// checksum cache is read here.
     explicit AssetBase(const QString &root);
     /// Stops the scans, joins the scan thread. Marks of the remove queue aren't kept.
     virtual ~AssetBase();

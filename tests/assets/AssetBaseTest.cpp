@@ -116,6 +116,22 @@ TEST_F(AssetBaseTest, LinksBackIntoOrAboveTheRootAreNotWalkedAgain)
               (QStringList{"/a", "/alias/b", "/alias/up/outside/c", "/sub/b", "/sub/up/outside/c"}));
 }
 
+// A missing root used to canonicalise to "", so the scan walked the whole file system and a
+// download landed in "/".
+TEST_F(AssetBaseTest, AMissingRootIsMadeAndAnUnusableOneListsAndStoresNothing)
+{
+    AssetBase made(path("/new/downloads"));
+    EXPECT_EQ(made.root(), QFileInfo(path("/new/downloads")).canonicalFilePath());
+    EXPECT_TRUE(made.buildFileList(nullptr).isEmpty());
+    writeFile(path("/plain"), "x");
+    TraceCapture trace;
+    AssetBase unusable(path("/plain/sub"));
+    EXPECT_EQ(unusable.root(), path("/plain/sub"));
+    EXPECT_TRUE(unusable.buildFileList(nullptr).isEmpty());
+    EXPECT_EQ(trace.count(QString("AssetBase::AssetBase # No folder at '%1'; nothing will be listed or stored")
+                              .arg(path("/plain/sub"))), 1);
+}
+
 TEST_F(AssetBaseTest, StopIsFinalAndAStoppedScanChangesNothing)
 {
     writeFile(path("/a"), "one", s_then);

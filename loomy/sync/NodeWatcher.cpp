@@ -310,11 +310,7 @@ void NodeWatcher::D::processPendingAdded(const PendingAdded &record)
         Kestrel::Trace::error("NodeWatcher::processPendingAdded # Could not find attribute in cache");
         return;
     }
-    // Only nodes and aliases use the path: a plain attribute goes without the registry lookup.
-    if (!attribute->asNode() && !attribute->asAlias())
-        attributeAdded(*attribute, record.symbol, record.notify);
-    else
-        somethingAdded(*attribute, symbols.name(record.symbol), record.symbol, record.notify);
+    somethingAdded(*attribute, symbols.name(record.symbol), record.symbol, record.notify);
 }
 
 // The temporary listener: the first change of a queued attribute pulls its addition forward, so
@@ -334,7 +330,7 @@ void NodeWatcher::D::processPendingAddedChanged(unsigned int symbol)
         return;
     }
     // An alias reports its changes through its own listener.
-    if (attribute->asAlias())
+    if (dynamic_cast<AttributeAlias *>(attribute))
         return;
     event(ATTRIBUTE_CHANGED, symbol);
 }
@@ -342,9 +338,9 @@ void NodeWatcher::D::processPendingAddedChanged(unsigned int symbol)
 // The order of the tests matters: an alias whose target is a node is still an alias here.
 void NodeWatcher::D::somethingAdded(Attribute &attribute, const QByteArray &path, unsigned int symbol, bool notify)
 {
-    if (auto *alias = attribute.asAlias())
+    if (auto *alias = dynamic_cast<AttributeAlias *>(&attribute))
         aliasAdded(*alias, path, symbol, notify);
-    else if (auto *node = attribute.asNode())
+    else if (auto *node = dynamic_cast<Node *>(&attribute))
         nodeAdded(*node, path, symbol, notify);
     else
         attributeAdded(attribute, symbol, notify);
@@ -426,7 +422,7 @@ void NodeWatcher::D::aliasAdded(AttributeAlias &alias, const QByteArray &path, u
                Attribute::CHANGE_ROLE);
     if (!target)
         return;
-    if (auto *node = Tamarack::toNode(target))
+    if (auto *node = dynamic_cast<Node *>(target))
         nodeAdded(*node, path, symbol, notify);
     else if (notify)
         event(ATTRIBUTE_ADDED, symbol);
@@ -454,14 +450,14 @@ void NodeWatcher::D::onAliasChanged(AttributeAlias &alias, const QByteArray &pat
     }
     if (oldTarget) {
         // The old node's added and removed listeners stay where they are.
-        if (auto *oldNode = Tamarack::toNode(oldTarget))
+        if (auto *oldNode = dynamic_cast<Node *>(oldTarget))
             nodeRemoved(*oldNode, path, symbol, notify);
         else if (notify)
             event(cache.isNode(symbol) ? NODE_REMOVED : ATTRIBUTE_REMOVED, symbol);
     }
     if (!newTarget)
         return;
-    if (auto *newNode = Tamarack::toNode(newTarget)) {
+    if (auto *newNode = dynamic_cast<Node *>(newTarget)) {
         nodeAdded(*newNode, path, symbol, notify);
         return;
     }
@@ -476,9 +472,9 @@ void NodeWatcher::D::somethingRemoved(Attribute &attribute, const QByteArray &pa
     PendingPtr record = pending.erase(symbol);
     if (record) {
         // The addition was never reported: observers get a balanced pair, never a lone removal.
-        auto *alias = attribute.asAlias();
+        auto *alias = dynamic_cast<AttributeAlias *>(&attribute);
         if (notify && !(alias && !alias->attribute())) {
-            if (Tamarack::toNode(followAliases(&attribute))) {
+            if (dynamic_cast<Node *>(followAliases(&attribute))) {
                 event(NODE_ADDED, record->symbol);
                 event(NODE_REMOVED, record->symbol);
             } else {
@@ -486,7 +482,7 @@ void NodeWatcher::D::somethingRemoved(Attribute &attribute, const QByteArray &pa
                 event(ATTRIBUTE_REMOVED, record->symbol);
             }
         }
-    } else if (auto *node = Tamarack::toNode(followAliases(&attribute))) {
+    } else if (auto *node = dynamic_cast<Node *>(followAliases(&attribute))) {
         nodeRemoved(*node, path, symbol, notify);
         node->eventAttributeAdded.removeListeners(reference.weak());
         node->eventAttributeRemoved.removeListeners(reference.weak());

@@ -77,9 +77,14 @@ TEST_F(AssetBaseTest, TheCacheDecidesByTimeAloneAndIsSharedByEveryObjectOfTheRoo
     EXPECT_EQ(second.md5("/a"), md5Hex("one"));
     EXPECT_EQ(second.md5("/sub/b"), md5Hex("three"));
 
-    writeFile(path("/a"), "one more", s_then.addSecs(20));
+    // The object's own first scan may still come, once: if it hashes the new time before this
+    // scan does, the next new time is this scan's.
     Texts texts;
-    second.buildFileList(&texts);
+    for (int attempt = 1; attempt <= 2 && texts.texts.size() != 3; ++attempt) {
+        writeFile(path("/a"), "one more", s_then.addSecs(20 * attempt));
+        texts.texts.clear();
+        second.buildFileList(&texts);
+    }
     EXPECT_EQ(texts.texts, (QStringList{"Scanning directory tree...", "Generated checksums: /a", "Checksum list generated"}));
     EXPECT_EQ(second.md5("/a"), md5Hex("one more"));
     EXPECT_EQ(second.md5("/gone"), "");

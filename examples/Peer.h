@@ -6,6 +6,7 @@
 #include "loomy/assets/ServerBase.h"
 #include "loomy/bundle/Loomy1Support.h"
 #include "loomy/net/ConnectionThread.h"
+#include "loomy/net/WriterThread.h"
 #include "loomy/sync/RemoteNode.h"
 
 #include <cstdio>
@@ -46,6 +47,8 @@ protected:
     // connected(), disconnected() and parse() all run on the connection's own thread.
     void connected() override
     {
+        // Bundles that the last connection's session left unsent belong to that session only.
+        writerThread()->removeFromBuffer("loomy2");
         Loomy::BundleControllerParams params;
         params.createMissingAttributes = true;
         params.authoritative = m_authoritative;

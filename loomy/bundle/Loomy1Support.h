@@ -30,6 +30,13 @@ public:
     /// An empty batch writes nothing. While connected to a peer that can't take bundles the batch
     /// is dropped; a connection that isn't up gets it queued all the same. The batch is one unit
     /// of the writer, keyed "loomy2".
+    ///
+    /// The writer keeps what a lost connection left unsent for the next one. A session that lives
+    /// as long as the connection doesn't want that: the next connection's peer would take the
+    /// dropped session's announcements for the new session's, and keep its values over its own
+    /// at first contact. Such an application calls `writerThread()->removeFromBuffer("loomy2")`
+    /// (WriterThread.h) in ConnectionThread::connected(), before it makes the new session; the
+    /// writer starts only after connected() returns.
     void send(const std::vector<Bundle> &bundles) override;
 
 private:

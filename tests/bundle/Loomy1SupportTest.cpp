@@ -217,6 +217,7 @@ public:
 protected:
     void connected() override
     {
+        writerThread()->removeFromBuffer("loomy2");
         Loomy::BundleControllerParams params;
         params.createMissingAttributes = true;
         params.authoritative = m_authoritative;
@@ -288,12 +289,28 @@ TEST(Loomy1Connection, ReconnectionAfterARestartEndsWithTheAuthoritativeSidesVal
     ASSERT_TRUE(frames([&] { return !connection->isConnected(); }));
     dynamic_cast<Tamarack::AttributeT<float> *>(server->attribute("a"))->setValue(5.f);
     dynamic_cast<Tamarack::AttributeT<float> *>(client->attribute("b"))->setValue(7.f);
+    {
+        // What the lost session may leave unsent: its announcement of the client's a. Delivered
+        // to the new session ahead of that session's own, it made the client's later announcement
+        // of a no first contact, so the accepting side took a=1 and the trees parted.
+        Tamarack::Node oldRoot;
+        auto *old = new Loomy::RemoteNode(&oldRoot, "shared");
+        auto *a = new Tamarack::AttributeT<float>;
+        old->addDeepAttribute("a", a);
+        a->setValue(1.f);
+        Loomy::BundleControllerParams params;
+        params.useGlobalUpdate = false;
+        params.connection = std::make_shared<Loomy::Loomy1Connection>(connection);
+        Loomy::BundleController::create(*old, params)->update();
+        ASSERT_GT(connection->bufferedDataSize(), 0);
+    }
     const auto down = std::chrono::steady_clock::now();
     listener = std::make_unique<Kestrel::TCPServerSocket>();
     ASSERT_EQ(listener->open("127.0.0.1", port, 2), 0);
 
     ASSERT_TRUE(frames([&] { return accepted && accepted->hasSession() && connection->isConnected(); }));
-    EXPECT_LT(std::chrono::steady_clock::now() - down, std::chrono::milliseconds(3500));
+    // Within the 3 s retry period, with room for a loaded machine; a missed attempt costs 3 s more.
+    EXPECT_LT(std::chrono::steady_clock::now() - down, std::chrono::milliseconds(4500));
     EXPECT_TRUE(frames([&] { return value(*client, "a") == 5.f && value(*client, "b") == 2.f; }))
         << value(*client, "a") << " " << value(*client, "b");
     // Whatever else is under way lands within a few frames more.

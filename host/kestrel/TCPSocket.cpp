@@ -64,6 +64,7 @@ public:
     std::atomic<unsigned long long> rx{0};
     std::atomic<unsigned long long> tx{0};
     std::atomic<int> writeTimeoutMs{0};
+    std::atomic<bool> writeTimedOut{false};
     // The reading thread's: bytes received and not yet delivered are input[inputBegin, inputEnd).
     std::unique_ptr<char[]> input;
     int inputBegin = 0;
@@ -191,6 +192,7 @@ int TCPSocket::write(const void *buffer, int bytes)
     const char *in = static_cast<const char *>(buffer);
     int done = 0;
     const int timeoutMs = m_d->writeTimeoutMs.load();
+    m_d->writeTimedOut = false;
     while (done < bytes) {
         // MSG_NOSIGNAL: a vanished peer is a short count, not a SIGPIPE for the whole process.
         // With a time-out the send doesn't block; the wait for room is the poll below.
@@ -203,8 +205,11 @@ int TCPSocket::write(const void *buffer, int bytes)
         } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) && timeoutMs > 0) {
             // close() shuts the socket down, which ends the poll at once.
             pollfd p{fd, POLLOUT, 0};
-            if (::poll(&p, 1, timeoutMs) <= 0 || m_d->descriptor.isClosing())
+            const int ready = ::poll(&p, 1, timeoutMs);
+            if (ready <= 0 || m_d->descriptor.isClosing()) {
+                m_d->writeTimedOut = ready == 0;
                 break;
+            }
         } else {
             break;
         }
@@ -216,6 +221,11 @@ int TCPSocket::write(const void *buffer, int bytes)
 void TCPSocket::setWriteTimeout(int milliseconds)
 {
     m_d->writeTimeoutMs = std::max(0, milliseconds);
+}
+
+bool TCPSocket::writeTimedOut() const
+{
+    return m_d->writeTimedOut.load();
 }
 
 void TCPSocket::close()

@@ -41,6 +41,9 @@ public:
     virtual int write(const void *buffer, int bytes);
     // Milliseconds a write may wait without progress; 0 (the default) waits for ever. Any thread.
     void setWriteTimeout(int milliseconds);
+    // Whether the last short write of this socket ran out of its time-out, rather than failing
+    // (a peer that closed or reset). For the writing thread, after write() returned short.
+    bool writeTimedOut() const;
     virtual void close();
 
     bool isOpen() const;       // connected and not closed

@@ -132,7 +132,7 @@ void WriterThread::childLoop()
                     for (int offset = 0; m_writerRunning && offset < block.size(); offset += s_pieceSize) {
                         const int piece = qMin(s_pieceSize, block.size() - offset);
                         if ((socket ? socket->write(block.constData() + offset, piece) : 0) < piece) {
-                            if (keepAlive && socket->isOpen()) {
+                            if (keepAlive && socket && socket->writeTimedOut()) {
                                 Kestrel::Trace::error("%s:%d: Ping timeout, disconnecting",
                                                       qUtf8Printable(m_owner->host()), m_owner->port());
                                 socket->close();   // wakes the connection thread's read

@@ -393,6 +393,29 @@ TEST(ConnectionTiming, APeerThatStopsReadingIsCutAtThePingTimeout)
     EXPECT_TRUE(block.isDetached());
 }
 
+// The same stalled write ended by the peer's close instead: a write error, no time-out. The line
+// used to be logged for every failed write once pings were answered.
+TEST(ConnectionTiming, APeerThatClosesDuringAStalledWriteIsNoPingTimeout)
+{
+    TraceCapture trace;
+    SocketPair sockets;
+    RawPeer peer(sockets.connecting);
+    auto connection = std::make_shared<RecordingConnection>(sockets.accepted, true);
+    connection->setPingTimeout(30.0);
+    connection->run();
+    loginAsClient(peer);
+    peer.send("pong\n");
+    ASSERT_TRUE(eventually([&] { return connection->pingActive(); }));
+    for (int i = 0; i < 64; ++i)
+        connection->writeBufferData(QByteArray(1 << 20, 'x'), QByteArray());
+    ASSERT_TRUE(eventually([&] { return connection->bufferedDataSize() < (64LL << 20); }));
+    peer.socket().close();
+    ASSERT_TRUE(eventually([&] { return connection->hooks().contains("disconnected"); }));
+    EXPECT_EQ(trace.lines().filter("Ping timeout"), QStringList());
+    connection->stop();
+    EXPECT_TRUE(connection->waitEnd(5000));
+}
+
 TEST(ConnectionTiming, ConnectToHostMovesTheRunningThread)
 {
     Kestrel::TCPServerSocket first, second;

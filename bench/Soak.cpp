@@ -19,6 +19,7 @@
 // neither process grew by 5% or more from its baseline to the end; 1 otherwise; 2 bad arguments.
 #include "examples/Peer.h"
 
+#include "cli/TreeFile.h"
 #include "cli/ValueText.h"
 #include "loomy/types/TypeRegistry.h"
 
@@ -254,24 +255,9 @@ public:
     {
         Loomy::TypeRegistry types;
         LoomyCli::ValueText text(types);
-        std::map<QByteArray, QString> lines;
-        std::function<void(Node &, const QByteArray &)> collect = [&](Node &node, const QByteArray &prefix) {
-            for (const auto &child : node.attributes()) {
-                const QByteArray path = prefix + child.first;
-                unsigned id = 0;
-                QString value;
-                if (auto *inner = dynamic_cast<Node *>(child.second))
-                    collect(*inner, path + '/');
-                else if (text.describe(child.second, id, value))
-                    lines[path] = text.typeName(id) + ':' + value;
-                else
-                    lines[path] = "(no encoding)";
-            }
-        };
-        collect(*m_node, QByteArray());
         QByteArray out;
-        for (const auto &line : lines)
-            out += "tree " + line.first + '=' + line.second.toUtf8() + '\n';
+        for (const QByteArray &line : LoomyCli::dumpTree(text, *m_node))
+            out += "tree " + line + '\n';
         out += "sent " + QByteArray::number(m_figures.sent) + ' ' + m_figures.sentHash.result().toHex() + '\n';
         out += "received " + QByteArray::number(m_node->received) + ' ' + m_node->receivedHash.result().toHex() + '\n';
         out += "rss " + QByteArray::number(m_figures.rssBaseline) + ' ' + QByteArray::number(m_figures.rssEnd) + ' '

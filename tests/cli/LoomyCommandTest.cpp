@@ -1,5 +1,6 @@
 // The loomy program as a user runs it: real processes over 127.0.0.1, ports chosen by the system,
 // every wait bounded.
+#include "cli/TreeFile.h"
 #include "cli/ValueText.h"
 #include "examples/Peer.h"
 #include "loomy/types/TypeRegistry.h"
@@ -149,20 +150,12 @@ const QStringList s_sceneDump = {
 };
 
 // The tree below node as --dump prints it.
-QStringList dumpOf(Tamarack::Node &node, const QByteArray &prefix = QByteArray())
+QStringList dumpOf(Tamarack::Node &node)
 {
     static const Loomy::TypeRegistry s_types;
-    const LoomyCli::ValueText text(s_types);
     QStringList out;
-    for (const auto &child : node.attributes()) {
-        unsigned id = 0;
-        QString value;
-        if (auto *inner = dynamic_cast<Tamarack::Node *>(child.second))
-            out += dumpOf(*inner, prefix + child.first + '/');
-        else if (text.describe(child.second, id, value))
-            out << QString::fromUtf8(prefix + child.first) + '=' + text.typeName(id) + ':' + value;
-    }
-    out.sort();
+    for (const QByteArray &line : LoomyCli::dumpTree(LoomyCli::ValueText(s_types), node))
+        out << QString::fromUtf8(line);
     return out;
 }
 

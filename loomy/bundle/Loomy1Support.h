@@ -32,11 +32,12 @@ public:
     /// of the writer, keyed "loomy2".
     ///
     /// The writer keeps what a lost connection left unsent for the next one. A session that lives
-    /// as long as the connection doesn't want that: the next connection's peer would take the
-    /// dropped session's announcements for the new session's, and keep its values over its own
-    /// at first contact. Such an application calls `writerThread()->removeFromBuffer("loomy2")`
-    /// (WriterThread.h) in ConnectionThread::connected(), before it makes the new session; the
-    /// writer starts only after connected() returns.
+    /// as long as the connection doesn't want that: the next connection's peer would count the
+    /// dropped session's announcements as the new session's first contact, and then take the new
+    /// session's values as changes, even where its own should win. Such an application calls
+    /// `writerThread()->removeFromBuffer("loomy2")` (WriterThread.h) in
+    /// ConnectionThread::connected(), before it makes the new session; the writer starts only
+    /// after connected() returns.
     void send(const std::vector<Bundle> &bundles) override;
 
 private:

@@ -27,16 +27,6 @@ DirectoryId idOf(const struct stat &st)
     return {(unsigned long long)st.st_dev, (unsigned long long)st.st_ino};
 }
 
-// Most names are ASCII, which every locale codec decodes alike; only the others pay for the codec.
-QString decodeName(const char *name)
-{
-    const char *end = name;
-    bool ascii = true;
-    for (; *end; ++end)
-        ascii = ascii && (unsigned char)*end < 0x80;
-    return ascii ? QString::fromLatin1(name, int(end - name)) : QFile::decodeName(name);
-}
-
 // Fills `entry` from a stat of `name` in the folder `fd`; false for what the listing leaves out.
 bool statEntry(int fd, const char *name, RawDirectory::Entry &entry)
 {
@@ -125,7 +115,7 @@ std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self
     for (size_t i = 0; i < entries.size(); ++i) {
         const RawDirectory::Entry &from = raw.entries[i];
         DirectoryEntry &to = entries[i];
-        to.name = decodeName(raw.name(from));
+        to.name = decodeFileName(raw.name(from), from.nameLength);
         to.isDir = from.isDir;
         to.size = from.size;
         to.modifiedMs = from.modifiedMs;
@@ -190,6 +180,15 @@ DirectoryLister::~DirectoryLister()
     m_d->wake.notify_all();
     for (std::thread &thread : m_d->threads)
         thread.join();
+}
+
+QString decodeFileName(const char *name, int length)
+{
+    for (int i = 0; i < length; ++i) {
+        if ((unsigned char)name[i] >= 0x80)
+            return QFile::decodeName(QByteArray::fromRawData(name, length));
+    }
+    return QString::fromLatin1(name, length);
 }
 
 void DirectoryLister::list(const char *path, RawDirectory &out, DirectoryId *self)

@@ -54,6 +54,10 @@ struct RawDirectory
     const char *name(const Entry &entry) const { return names.data() + entry.name; }
 };
 
+// A file name as the file system gives it, decoded as QFile::decodeName does; ASCII names, which
+// every locale decodes alike, without the codec.
+KESTREL_EXPORT QString decodeFileName(const char *name, int length);
+
 // listDirectory with helper threads, for the walk of a large tree: the stat calls, which are most
 // of the cost of a large folder, are shared between the caller and the helpers. Same entries in
 // the same order. One thread at a time calls list(); the helpers live as long as the object.

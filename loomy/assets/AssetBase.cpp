@@ -106,12 +106,6 @@ bool isInvisible(const char *name, int length)
     return false;
 }
 
-// A file name of a folder listing as the listing of QDir decodes it.
-QString decodeName(const char *name, int length, bool ascii)
-{
-    return ascii ? QString::fromLatin1(name, length) : QFile::decodeName(QByteArray::fromRawData(name, length));
-}
-
 void report(ProgressSender *sender, const QString &text)
 {
     if (sender)
@@ -296,11 +290,11 @@ long long AssetBase::D::walk(Kestrel::DirectoryLister &lister, WalkState &state,
         QString name;   // folder + the decoded file name, made only where needed
         const auto decoded = [&]() -> const QString & {
             if (name.isNull())
-                name = folder + decodeName(fileName, entry.nameLength, asciiName);
+                name = folder + Kestrel::decodeFileName(fileName, entry.nameLength);
             return name;
         };
         if (asciiName ? isInvisible(fileName, entry.nameLength)
-                      : isInvisible(decodeName(fileName, entry.nameLength, false)))
+                      : isInvisible(Kestrel::decodeFileName(fileName, entry.nameLength)))
             continue;
         state.path.resize(length);
         state.path.append(fileName, size_t(entry.nameLength));

@@ -102,3 +102,13 @@ TEST(DirectoryLister, ListsAsListDirectoryDoesFolderAfterFolder)
     }
     EXPECT_EQ(Kestrel::listDirectory(root + "/big").size(), 466u + 1u) << "the files and \"sub\"";
 }
+
+// Names are decoded as QFile does, ASCII or not (even when not valid in the locale), and only the
+// given length of them.
+TEST(DecodeFileName, DecodesTheGivenBytesAsQFileDoes)
+{
+    for (const QByteArray &bytes : {QByteArray("plain"), QByteArray("\xc3\xa4-\xc3\xbc"), QByteArray("bad\xff"), QByteArray()})
+        EXPECT_EQ(Kestrel::decodeFileName(bytes.constData(), bytes.size()), QFile::decodeName(bytes)) << bytes.toHex().constData();
+    EXPECT_EQ(Kestrel::decodeFileName("ab\xc3\xa4", 2), "ab");
+    EXPECT_EQ(Kestrel::decodeFileName("\xc3\xa4\xc3\xbc", 2), QFile::decodeName("\xc3\xa4"));
+}

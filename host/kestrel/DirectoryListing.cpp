@@ -27,18 +27,8 @@ DirectoryId idOf(const struct stat &st)
     return {(unsigned long long)st.st_dev, (unsigned long long)st.st_ino};
 }
 
-// Most names are ASCII, which every locale codec decodes alike; only the others pay for the codec.
-QString decodeName(const char *name)
-{
-    const char *end = name;
-    bool ascii = true;
-    for (; *end; ++end)
-        ascii = ascii && (unsigned char)*end < 0x80;
-    return ascii ? QString::fromLatin1(name, int(end - name)) : QFile::decodeName(name);
-}
-
 // Fills `entry` from a stat of `name` in the folder `fd`; false for what the listing leaves out.
-bool statEntry(int fd, const char *name, DirectoryEntry &entry)
+bool statEntry(int fd, const char *name, RawDirectory::Entry &entry)
 {
     struct stat st;
     if (::fstatat(fd, name, &st, 0) != 0)
@@ -49,7 +39,6 @@ bool statEntry(int fd, const char *name, DirectoryEntry &entry)
     // Most entries are readable by everyone; only the others cost a second call.
     if (!(st.st_mode & S_IROTH) && ::faccessat(fd, name, R_OK, AT_EACCESS) != 0)
         return false;
-    entry.name = decodeName(name);
     entry.isDir = isDir;
     entry.size = st.st_size;
     entry.modifiedMs = (long long)st.st_mtim.tv_sec * 1000 + st.st_mtim.tv_nsec / 1000000;
@@ -61,63 +50,78 @@ bool statEntry(int fd, const char *name, DirectoryEntry &entry)
 struct Batches
 {
     int fd = -1;
-    std::vector<char> names;           // each name with its terminating zero
-    std::vector<int> starts;           // offset of each name in `names`
-    std::vector<DirectoryEntry> found; // by name index
-    std::vector<char> listed;          // by name index: found[i] holds an entry
+    RawDirectory *out = nullptr;       // every name, then the listed entries
+    std::vector<char> listed;          // by name index: out->entries[i] is to be listed
     std::atomic<int> next{0};          // next batch to take
 
     void run()
     {
-        const int count = int(starts.size());
+        const int count = int(listed.size());
         for (int batch; (batch = next.fetch_add(1)) * s_batch < count;) {
             const int end = std::min(count, (batch + 1) * s_batch);
-            for (int i = batch * s_batch; i < end; ++i)
-                listed[i] = statEntry(fd, names.data() + starts[i], found[i]);
+            for (int i = batch * s_batch; i < end; ++i) {
+                RawDirectory::Entry &entry = out->entries[i];
+                listed[i] = statEntry(fd, out->name(entry), entry);
+            }
         }
     }
 };
 
 // With `helpers`, folders of more than one batch are stat'ed by several threads.
-std::vector<DirectoryEntry> listWith(const QString &path, DirectoryId *self,
-                                     const std::function<void(Batches &)> &helpers)
+void listWith(const char *path, RawDirectory &out, DirectoryId *self, const std::function<void(Batches &)> &helpers)
 {
-    std::vector<DirectoryEntry> entries;
-    DIR *dir = ::opendir(QFile::encodeName(path).constData());
+    out.names.clear();
+    out.entries.clear();
+    DIR *dir = ::opendir(path);
     if (!dir)
-        return entries;
+        return;
     Batches batches;
     batches.fd = ::dirfd(dir);
+    batches.out = &out;
     struct stat st;
     if (self && ::fstat(batches.fd, &st) == 0)
         *self = idOf(st);
     while (const dirent *item = ::readdir(dir)) {
         if (item->d_name[0] == '.')
             continue;   // hidden, "." and ".."
-        batches.starts.push_back(int(batches.names.size()));
-        batches.names.insert(batches.names.end(), item->d_name, item->d_name + std::strlen(item->d_name) + 1);
+        RawDirectory::Entry entry;
+        entry.name = int(out.names.size());
+        entry.nameLength = int(std::strlen(item->d_name));
+        out.names.insert(out.names.end(), item->d_name, item->d_name + entry.nameLength + 1);
+        out.entries.push_back(entry);
     }
-    const size_t count = batches.starts.size();
-    batches.found.resize(count);
+    const size_t count = out.entries.size();
     batches.listed.assign(count, 0);
     if (helpers && count > size_t(s_batch))
         helpers(batches);
     else
         batches.run();
     ::closedir(dir);
-    entries.reserve(count);
+    size_t kept = 0;
     for (size_t i = 0; i < count; ++i) {
         if (batches.listed[i])
-            entries.push_back(std::move(batches.found[i]));
+            out.entries[kept++] = out.entries[i];
     }
-    return entries;
+    out.entries.resize(kept);
 }
 
 } // namespace
 
 std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self)
 {
-    return listWith(path, self, nullptr);
+    RawDirectory raw;
+    listWith(QFile::encodeName(path).constData(), raw, self, nullptr);
+    std::vector<DirectoryEntry> entries(raw.entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const RawDirectory::Entry &from = raw.entries[i];
+        DirectoryEntry &to = entries[i];
+        to.name = decodeFileName(raw.name(from), from.nameLength);
+        to.isDir = from.isDir;
+        to.size = from.size;
+        to.modifiedMs = from.modifiedMs;
+        to.id = from.id;
+    }
+    return entries;
 }
 
 // The caller posts a folder's batches as `job` and takes batches itself; helpers that see the job
@@ -178,11 +182,22 @@ DirectoryLister::~DirectoryLister()
         thread.join();
 }
 
-std::vector<DirectoryEntry> DirectoryLister::list(const QString &path, DirectoryId *self)
+QString decodeFileName(const char *name, int length)
 {
-    if (m_d->threads.empty())
-        return listDirectory(path, self);
-    return listWith(path, self, [this](Batches &batches) {
+    for (int i = 0; i < length; ++i) {
+        if ((unsigned char)name[i] >= 0x80)
+            return QFile::decodeName(QByteArray::fromRawData(name, length));
+    }
+    return QString::fromLatin1(name, length);
+}
+
+void DirectoryLister::list(const char *path, RawDirectory &out, DirectoryId *self)
+{
+    if (m_d->threads.empty()) {
+        listWith(path, out, self, nullptr);
+        return;
+    }
+    listWith(path, out, self, [this](Batches &batches) {
         {
             std::lock_guard<std::mutex> lock(m_d->mutex);
             m_d->job = &batches;

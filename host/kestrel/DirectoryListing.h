@@ -34,6 +34,30 @@ struct DirectoryEntry
 // `self`, if given, receives the folder's own id (left alone if the folder can't be read).
 KESTREL_EXPORT std::vector<DirectoryEntry> listDirectory(const QString &path, DirectoryId *self = nullptr);
 
+// The listing of one folder as listDirectory makes it, with each name as the file system's bytes
+// (zero-terminated, in `names`) rather than a QString: a walk over a large tree then allocates
+// nothing per file. Kept by the caller from one listing to the next, so the buffers are reused.
+struct RawDirectory
+{
+    struct Entry
+    {
+        int name = 0;             // offset of the name in `names`
+        int nameLength = 0;
+        bool isDir = false;       // otherwise a regular file
+        long long size = 0;
+        long long modifiedMs = 0; // as DirectoryEntry::modifiedMs
+        DirectoryId id;           // as DirectoryEntry::id
+    };
+    std::vector<char> names;
+    std::vector<Entry> entries;   // listed entries only, in the directory's own order
+
+    const char *name(const Entry &entry) const { return names.data() + entry.name; }
+};
+
+// A file name as the file system gives it, decoded as QFile::decodeName does; ASCII names, which
+// every locale decodes alike, without the codec.
+KESTREL_EXPORT QString decodeFileName(const char *name, int length);
+
 // listDirectory with helper threads, for the walk of a large tree: the stat calls, which are most
 // of the cost of a large folder, are shared between the caller and the helpers. Same entries in
 // the same order. One thread at a time calls list(); the helpers live as long as the object.
@@ -46,7 +70,9 @@ public:
     DirectoryLister(const DirectoryLister &) = delete;
     DirectoryLister &operator=(const DirectoryLister &) = delete;
 
-    std::vector<DirectoryEntry> list(const QString &path, DirectoryId *self = nullptr);
+    // `path` is the folder's path as bytes (QFile::encodeName). `out` is replaced, and left empty
+    // if the folder can't be read.
+    void list(const char *path, RawDirectory &out, DirectoryId *self = nullptr);
 
 private:
     class D;

@@ -15,6 +15,8 @@
 #include <atomic>
 #include <deque>
 #include <map>
+#include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Loomy {
@@ -28,11 +30,33 @@ struct Found
     long long size;
 };
 
+using FileList = QMap<QString, AssetBase::FileInfo>;
+
 // What a walk finds: records of the file list whose time is unchanged, and the files to hash.
 struct Walked
 {
-    std::vector<QMap<QString, AssetBase::FileInfo>::const_iterator> unchanged;   // into the file list
+    std::vector<FileList::const_iterator> unchanged;   // into the file list
     std::vector<Found> toHash;
+};
+
+// A record of the file list as the walk compares it with a file: its time, in the listing's unit.
+struct Known
+{
+    FileList::const_iterator record;
+    long long modifiedMs;
+    bool valid;                // a record without a valid time matches no file
+};
+
+// The state of one walk, kept from folder to folder so that the walk of an unchanged tree makes no
+// string and no allocation per file.
+struct WalkState
+{
+    QByteArray root;                                  // the root as bytes
+    std::string path;                                 // the folder's name as bytes, from "/" to "/"
+    std::string full;                                 // root and path, for the listing
+    std::deque<Kestrel::RawDirectory> levels;         // the listing of each folder of the path
+    std::vector<Kestrel::DirectoryId> ancestors;      // the folders from the root down to the parent
+    Walked walked;
 };
 
 const int s_hashBlock = 4096;
@@ -51,6 +75,33 @@ bool isInvisible(const QString &fileName)
     for (const QChar c : fileName) {
         if (s_unsafe.contains(c))
             return true;
+    }
+    return false;
+}
+
+bool isAscii(const char *bytes, int length)
+{
+    for (int i = 0; i < length; ++i) {
+        if ((unsigned char)bytes[i] >= 0x80)
+            return false;
+    }
+    return true;
+}
+
+// isInvisible for a name of ASCII bytes, which decodes to the same characters in every locale.
+bool isInvisible(const char *name, int length)
+{
+    static const char s_part[] = ".filesync.part";
+    const int partLength = int(sizeof s_part) - 1;
+    if (length >= partLength && qstrnicmp(name + length - partLength, s_part, partLength) == 0)
+        return true;
+    for (int i = 0; i < length; ++i) {
+        switch (name[i]) {
+        case '\\': case ':': case '*': case '?': case '"': case '<': case '>':
+            return true;
+        default:
+            break;
+        }
     }
     return false;
 }
@@ -177,8 +228,8 @@ AssetBase::FileInfo::FileInfo(const QDateTime &ts_, const QByteArray &md5_, long
 class AssetBase::D
 {
 public:
-    long long walk(Kestrel::DirectoryLister &lister, QString &path, std::vector<Kestrel::DirectoryId> &ancestors,
-                   Walked &walked);
+    long long walk(Kestrel::DirectoryLister &lister, WalkState &state, const QString &folder, bool ascii);
+    const Known *findKnown(const std::string &name);   // listMutex held
     QString cacheArray() const { return QStringLiteral("FileList/") + root; }
     QString fullPath(const QString &name) const { return root + name; }
     const FileInfo *findDownload(const QString &name) const;   // readMutex held
@@ -188,7 +239,13 @@ public:
     std::atomic<bool> scanning{true};          // stop() clears it, for good
 
     Kestrel::Mutex listMutex;                  // held for a whole scan and while fileList changes
-    QMap<QString, FileInfo> fileList;          // changed under listMutex and readMutex
+    QMap<QString, FileInfo> fileList;          // changed under listMutex and readMutex; every change
+                                               // sets indexStale. Only const access elsewhere:
+                                               // a detach would leave the index pointing elsewhere
+    // The records of fileList whose names are ASCII, by the names' bytes, for the walk: guarded by
+    // listMutex, and rebuilt at the first walk after fileList changed.
+    std::unordered_map<std::string, Known> index;
+    bool indexStale = true;
 
     Kestrel::Mutex removeMutex;                // guards removeQueue; held during the walk
     std::map<QString, std::vector<std::weak_ptr<ConnectionThread>>> removeQueue;
@@ -204,48 +261,89 @@ public:
     std::unique_ptr<HashFeeder> hashFeeder = std::make_unique<HashFeeder>(hashMutex);
 };
 
-// The walk of one folder: `path` is its name, beginning and ending in "/", and is given back as
-// it came; `ancestors` are the folders from the root down to its parent. listMutex and removeMutex
-// held (the iterators of `walked` point into fileList). The listing is that of QDir with
-// QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot | QDir::NoDotDot (hidden names out,
-// links followed); see isInvisible for what it leaves out.
-long long AssetBase::D::walk(Kestrel::DirectoryLister &lister, QString &path,
-                             std::vector<Kestrel::DirectoryId> &ancestors, Walked &walked)
+// The walk of one folder: state.path is its name as bytes and `folder` as text, both beginning and
+// ending in "/"; `ascii` tells whether the name is all ASCII. state.path is given back as it came.
+// listMutex and removeMutex held (the iterators of the walk's result point into fileList). The
+// listing is that of QDir with QDir::Files | QDir::AllDirs | QDir::Readable | QDir::NoDot |
+// QDir::NoDotDot (hidden names out, links followed); see isInvisible for what it leaves out.
+// A file of an ASCII name is compared with its record by bytes; only the others, and the files to
+// hash, get their name as a QString.
+long long AssetBase::D::walk(Kestrel::DirectoryLister &lister, WalkState &state, const QString &folder, bool ascii)
 {
+    const size_t depth = state.ancestors.size();
+    if (state.levels.size() == depth)
+        state.levels.emplace_back();
+    Kestrel::RawDirectory &listing = state.levels[depth];
+    state.full.assign(state.root.constData(), size_t(state.root.size()));
+    state.full += state.path;
     Kestrel::DirectoryId self;
-    const std::vector<Kestrel::DirectoryEntry> entries = lister.list(root + path, &self);
+    lister.list(state.full.c_str(), listing, &self);
     // A link to this folder or to one above it would lead into it again, for ever.
-    ancestors.push_back(self);
-    const int length = path.size();
+    state.ancestors.push_back(self);
+    const size_t length = state.path.size();
     long long bytes = 0;
-    for (const Kestrel::DirectoryEntry &entry : entries) {
+    for (const Kestrel::RawDirectory::Entry &entry : listing.entries) {
         if (!scanning)
             break;
-        if (isInvisible(entry.name))
+        const char *fileName = listing.name(entry);
+        const bool asciiName = isAscii(fileName, entry.nameLength);
+        QString name;   // folder + the decoded file name, made only where needed
+        const auto decoded = [&]() -> const QString & {
+            if (name.isNull())
+                name = folder + Kestrel::decodeFileName(fileName, entry.nameLength);
+            return name;
+        };
+        if (asciiName ? isInvisible(fileName, entry.nameLength)
+                      : isInvisible(Kestrel::decodeFileName(fileName, entry.nameLength)))
             continue;
-        path.truncate(length);
-        path += entry.name;
+        state.path.resize(length);
+        state.path.append(fileName, size_t(entry.nameLength));
         if (entry.isDir) {
-            if (std::find(ancestors.cbegin(), ancestors.cend(), entry.id) != ancestors.cend())
-                continue;
-            path += QLatin1Char('/');
-            bytes += walk(lister, path, ancestors, walked);
+            if (std::find(state.ancestors.cbegin(), state.ancestors.cend(), entry.id) == state.ancestors.cend()) {
+                state.path += '/';
+                bytes += walk(lister, state, decoded() + QLatin1Char('/'), ascii && asciiName);
+            }
             continue;
         }
-        if (removeQueue.count(path))
+        if (!removeQueue.empty() && removeQueue.count(decoded()))
             continue;
         // The time alone decides: a file rewritten within the same timestamp isn't hashed again.
-        const auto known = fileList.constFind(path);
-        if (known != fileList.cend() && known->ts.isValid() && known->ts.toMSecsSinceEpoch() == entry.modifiedMs) {
-            walked.unchanged.push_back(known);
-            continue;
+        if (ascii && asciiName) {
+            const Known *known = findKnown(state.path);
+            if (known && known->valid && known->modifiedMs == entry.modifiedMs) {
+                state.walked.unchanged.push_back(known->record);
+                continue;
+            }
+        } else {
+            const auto known = fileList.constFind(decoded());
+            if (known != fileList.cend() && known->ts.isValid() && known->ts.toMSecsSinceEpoch() == entry.modifiedMs) {
+                state.walked.unchanged.push_back(known);
+                continue;
+            }
         }
-        walked.toHash.push_back({path, QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC), entry.size});
+        state.walked.toHash.push_back({decoded(), QDateTime::fromMSecsSinceEpoch(entry.modifiedMs, Qt::UTC), entry.size});
         bytes += entry.size;
     }
-    path.truncate(length);
-    ancestors.pop_back();
+    state.path.resize(length);
+    state.ancestors.pop_back();
     return bytes;
+}
+
+const Known *AssetBase::D::findKnown(const std::string &name)
+{
+    if (indexStale) {
+        index.clear();
+        index.reserve(size_t(fileList.size()));
+        for (auto it = fileList.cbegin(); it != fileList.cend(); ++it) {
+            const QString &key = it.key();
+            const bool asciiKey = std::all_of(key.cbegin(), key.cend(), [](QChar c) { return c.unicode() < 0x80; });
+            if (asciiKey)
+                index.emplace(key.toLatin1().toStdString(), Known{it, it->ts.toMSecsSinceEpoch(), it->ts.isValid()});
+        }
+        indexStale = false;
+    }
+    const auto it = index.find(name);
+    return it == index.end() ? nullptr : &it->second;
 }
 
 const AssetBase::FileInfo *AssetBase::D::findDownload(const QString &name) const
@@ -310,14 +408,16 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
 {
     Kestrel::MutexLocker listLock(m_d->listMutex);
     report(sender, QStringLiteral("Scanning directory tree..."));
-    Walked walked;
+    WalkState state;
+    Walked &walked = state.walked;
     {
         Kestrel::MutexLocker removeLock(m_d->removeMutex);
-        QString path = QStringLiteral("/");
-        std::vector<Kestrel::DirectoryId> ancestors;
+        state.root = QFile::encodeName(m_d->root);
+        state.path = "/";
+        walked.unchanged.reserve(size_t(m_d->fileList.size()));
         Kestrel::DirectoryLister lister;   // the stat calls of a large folder on several cores
         if (!m_d->root.isEmpty())          // an empty root would walk the whole file system
-            m_d->walk(lister, path, ancestors, walked);
+            m_d->walk(lister, state, QStringLiteral("/"), true);
     }
     QMap<QString, FileInfo> result;
     // Every record found unchanged and nothing else: the list itself, shared, which also makes the
@@ -355,6 +455,7 @@ QMap<QString, AssetBase::FileInfo> AssetBase::buildFileList(ProgressSender *send
         {
             Kestrel::MutexLocker readLock(m_d->readMutex);
             m_d->fileList = result;
+            m_d->indexStale = true;
         }
         QSettings cache(QStringLiteral("Brindlewax"), QStringLiteral("Cache"));
         cache.remove(m_d->cacheArray());
@@ -513,6 +614,7 @@ bool AssetBase::removeFileFromDownloadList(QString name, bool success)
         Kestrel::MutexLocker listLock(m_d->listMutex);
         Kestrel::MutexLocker readLock(m_d->readMutex);
         m_d->fileList.insert(name, FileInfo(ts, record.md5, record.size, Kestrel::TimeStamp::currentTime()));
+        m_d->indexStale = true;
     }
     Kestrel::MutexLocker lock(m_d->downloadMutex);
     bool removed;

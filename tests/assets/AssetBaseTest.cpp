@@ -88,18 +88,66 @@ TEST_F(AssetBaseTest, TheCacheDecidesByTimeAloneAndIsSharedByEveryObjectOfTheRoo
     EXPECT_EQ(texts.texts, (QStringList{"Scanning directory tree...", "Generated checksums: /a", "Checksum list generated"}));
     EXPECT_EQ(second.md5("/a"), md5Hex("one more"));
     EXPECT_EQ(second.md5("/gone"), "");
+    // The list that scan stored is what the next one compares with: nothing is hashed again.
+    texts.texts.clear();
+    EXPECT_EQ(second.buildFileList(&texts).keys(), (QStringList{"/a", "/sub/b"}));
+    EXPECT_EQ(texts.texts, (QStringList{"Scanning directory tree...", "Checksum list generated"}));
+}
+
+// Names that aren't ASCII are compared with their records as text, the others as bytes: either
+// way a file whose time is unchanged isn't hashed again, in any folder.
+TEST_F(AssetBaseTest, AnUnchangedFileIsntHashedAgainWhateverItsName)
+{
+    const QStringList names{"/a", "/sub/b", "/sub/\u00df", "/\u00e4", "/\u00fc/inner", "/\u00fc/\u00f6"};   // sorted
+    for (const QString &name : names)
+        writeFile(path(name), name.toUtf8(), s_then);
+    AssetBase assets(m_dir.path());
+    assets.buildFileList(nullptr);
+    Texts texts;
+    EXPECT_EQ(assets.buildFileList(&texts).keys(), names);
+    EXPECT_EQ(texts.texts, (QStringList{"Scanning directory tree...", "Checksum list generated"}));
+    for (const int changed : {1, 5})
+        writeFile(path(names[changed]), "changed", s_then.addSecs(1));
+    texts.texts.clear();
+    assets.buildFileList(&texts);
+    ASSERT_EQ(texts.texts.size(), 4);
+    QStringList hashed = texts.texts.mid(1, 2);
+    hashed.sort();
+    EXPECT_EQ(hashed, QStringList({"Generated checksums: " + names[1], "Generated checksums: " + names[5]}));
+    EXPECT_EQ(assets.md5(names[5]), md5Hex("changed"));
+}
+
+// A finished download's record, with the announced checksum, is the one that later scans compare
+// with: a file whose time is unchanged keeps it (here it differs from the bytes on purpose).
+TEST_F(AssetBaseTest, AFinishedDownloadsRecordIsntHashedAgain)
+{
+    writeFile(path("/a"), "a");
+    Assets assets(m_dir.path());
+    assets.buildFileList(nullptr);
+    ASSERT_TRUE(assets.addFileToDownloadList("/got", 5, 1, md5Hex("announced"), Kestrel::TimeStamp(1)));
+    writeFile(path("/got"), "fresh");
+    ASSERT_TRUE(assets.removeFileFromDownloadList("/got", true));
+    EXPECT_EQ(assets.finished, 1);
+    Texts texts;
+    assets.buildFileList(&texts);
+    EXPECT_EQ(texts.texts, (QStringList{"Scanning directory tree...", "Checksum list generated"}));
+    EXPECT_EQ(assets.md5("/got"), md5Hex("announced"));
 }
 
 TEST_F(AssetBaseTest, PartFilesOddNamesHiddenAndMarkedFilesAreInNoList)
 {
     for (const char *name : {"/keep", "/dir/x.filesync.part", "/dir/inner", "/q\"uote", "/co:lon", "/st*ar",
-                             "/que?ry", "/a<b", "/a>b", "/back\\slash", "/X.FILESYNC.PART", "/.hidden", "/marked", "/dir\"odd/inside"})
-        writeFile(path(name), name);
+                             "/que?ry", "/a<b", "/a>b", "/back\\slash", "/X.FILESYNC.PART", "/.hidden", "/marked", "/dir\"odd/inside",
+                             "/\xc3\xa4.FileSync.Part", "/\xc3\xa4?", "/.\xc3\xa4", "/\xc3\xa4/\xc3\xa4\"", "/\xc3\xa4/.x",
+                             "/\xc3\xa4/marked", "/\xc3\xa4/x.filesync.part", "/\xc3\xa4/inner"})
+        writeFile(path(QString::fromUtf8(name)), name);
     ASSERT_TRUE(QFile::link(path("/keep"), path("/link")));
     AssetBase assets(m_dir.path());
     assets.buildFileList(nullptr);
     assets.addFileToRemoveQueue("/marked", nullptr);
-    EXPECT_EQ(assets.buildFileList(nullptr).keys(), (QStringList{"/dir/inner", "/keep", "/link"}));
+    assets.addFileToRemoveQueue(QString::fromUtf8("/\xc3\xa4/marked"), nullptr);
+    EXPECT_EQ(assets.buildFileList(nullptr).keys(),
+              (QStringList{"/dir/inner", "/keep", "/link", QString::fromUtf8("/\xc3\xa4/inner")}));
     EXPECT_EQ(assets.md5("/link"), md5Hex("/keep"));
     EXPECT_EQ(assets.md5("/marked"), "") << "left out of the list that the second scan stored";
 }

@@ -10,6 +10,7 @@
 
 #include <sys/stat.h>
 
+#include <cstring>
 #include <map>
 
 // The listing must agree with the QDir listing that it replaces, entry for entry.
@@ -80,15 +81,34 @@ TEST(DirectoryLister, ListsAsListDirectoryDoesFolderAfterFolder)
             out << QStringLiteral("%1 %2 %3 %4 %5").arg(e.name).arg(e.isDir).arg(e.size).arg(e.modifiedMs).arg(e.id.inode);
         return out;
     };
+    const auto rawKey = [](const Kestrel::RawDirectory &raw) {
+        QStringList out;
+        for (const auto &e : raw.entries) {
+            EXPECT_EQ(size_t(e.nameLength), std::strlen(raw.name(e)));
+            out << QStringLiteral("%1 %2 %3 %4 %5").arg(QFile::decodeName(raw.name(e))).arg(e.isDir).arg(e.size).arg(e.modifiedMs).arg(e.id.inode);
+        }
+        return out;
+    };
     for (const int helpers : {0, 1, 3}) {
         Kestrel::DirectoryLister lister(helpers);
+        Kestrel::RawDirectory raw;   // one buffer for every folder: nothing of a listing may stay in the next
         for (const char *folder : {"/big", "/other", "", "/big/sub", "/missing", "/big"}) {
             SCOPED_TRACE(std::to_string(helpers) + folder);
             Kestrel::DirectoryId expected, self;
-            const QStringList listed = key(lister.list(root + folder, &self));
-            EXPECT_EQ(listed, key(Kestrel::listDirectory(root + folder, &expected)));
+            lister.list(QFile::encodeName(root + folder).constData(), raw, &self);
+            EXPECT_EQ(rawKey(raw), key(Kestrel::listDirectory(root + folder, &expected)));
             EXPECT_TRUE(self == expected);
         }
     }
     EXPECT_EQ(Kestrel::listDirectory(root + "/big").size(), 466u + 1u) << "the files and \"sub\"";
+}
+
+// Names are decoded as QFile does, ASCII or not (even when not valid in the locale), and only the
+// given length of them.
+TEST(DecodeFileName, DecodesTheGivenBytesAsQFileDoes)
+{
+    for (const QByteArray &bytes : {QByteArray("plain"), QByteArray("\xc3\xa4-\xc3\xbc"), QByteArray("bad\xff"), QByteArray()})
+        EXPECT_EQ(Kestrel::decodeFileName(bytes.constData(), bytes.size()), QFile::decodeName(bytes)) << bytes.toHex().constData();
+    EXPECT_EQ(Kestrel::decodeFileName("ab\xc3\xa4", 2), "ab");
+    EXPECT_EQ(Kestrel::decodeFileName("\xc3\xa4\xc3\xbc", 2), QFile::decodeName("\xc3\xa4"));
 }

@@ -47,22 +47,45 @@ void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &se
 
 unsigned SymbolRegistry::lookupOrDefineImpl(const QByteArray &name, const QByteArray &second)
 {
+    return lookupOrDefineHashed(name, second, qHash(name));
+}
+
+// A new name is entered at the free slot its probe ended on: one hash and one probe for the
+// whole definition, where a general define would probe again for an older number of the name.
+unsigned SymbolRegistry::lookupOrDefineHashed(const QByteArray &name, const QByteArray &second, unsigned hash)
+{
     WriteLocker locker(&m_lock);
     // Another thread may have defined the name between the caller's read-locked miss and now.
-    if (const unsigned symbol = lookupUnlocked(name))
-        return symbol;
+    std::size_t slot = m_slots.empty() ? 0 : findSlot(name, hash);
+    if (!m_slots.empty() && m_slots[slot].symbol != 0)
+        return m_slots[slot].symbol;
     // Numbers given by define() may sit anywhere; skip them, and 0 after a wrap.
     while (m_next == 0 || entry(m_next))
         ++m_next;
     const unsigned symbol = m_next++;
-    defineUnlocked(name, second, symbol);
+    Entry &made = m_entries.make(symbol);
+    made.defined = true;
+    made.name = name;
+    ++m_count;
+    if (second != name)
+        m_seconds[symbol] = second;
+    if (2 * m_count > m_slots.size())
+        insertSlot(hash, symbol);   // grows the index, and probes anew
+    else
+        m_slots[slot] = Slot{hash, symbol};
     return symbol;
 }
 
 unsigned SymbolRegistry::lookupOrDefine(const QByteArray &name)
 {
-    const unsigned symbol = lookup(name);
-    return symbol ? symbol : lookupOrDefineImpl(name, name);
+    const unsigned hash = qHash(name);
+    {
+        ReadLocker locker(&m_lock);
+        if (!m_slots.empty())
+            if (const unsigned symbol = m_slots[findSlot(name, hash)].symbol)
+                return symbol;
+    }
+    return lookupOrDefineHashed(name, name, hash);
 }
 
 unsigned SymbolRegistry::lookup(const QByteArray &name) const
@@ -102,6 +125,12 @@ QByteArray SymbolRegistry::nameUnlocked(unsigned symbol) const
 {
     const Entry *held = entry(symbol);
     return held ? held->name : QByteArray();
+}
+
+QByteArray SymbolRegistry::sharedName(const QByteArray &name) const
+{
+    ReadLocker locker(&m_lock);
+    return nameUnlocked(lookupUnlocked(name));
 }
 
 const SymbolRegistry::Entry *SymbolRegistry::entry(unsigned symbol) const

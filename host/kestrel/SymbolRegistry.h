@@ -39,6 +39,10 @@ public:
     unsigned lookupUnlocked(const QByteArray &name) const;
     QByteArray nameUnlocked(unsigned symbol) const;
 
+    // This registry's own copy of a name equal to `name`, null if it has none: another registry
+    // that stores the copy shares its bytes instead of holding them twice.
+    QByteArray sharedName(const QByteArray &name) const;
+
 private:
     // A defined symbol's name. The second array is kept apart, and only where its bytes differ
     // from the name's: this system always passes the same array twice.
@@ -55,6 +59,7 @@ private:
     };
 
     void defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol);
+    unsigned lookupOrDefineHashed(const QByteArray &name, const QByteArray &second, unsigned hash);
     const Entry *entry(unsigned symbol) const;   // null unless defined
     void forget(unsigned symbol);
     std::size_t findSlot(const QByteArray &name, unsigned hash) const; // its slot, or a free one

@@ -67,13 +67,7 @@ LoomySessionAttribute *AttributeStorage::allocate()
 // Under the write lock, which comes before the registry's.
 unsigned int AttributeStorage::defineName(const QByteArray &name)
 {
-    Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
-    unsigned int symbol;
-    {
-        Kestrel::ReadLocker symbolLocker(&symbols.lock());
-        symbol = symbols.lookupUnlocked(name);
-    }
-    return symbol != 0 ? symbol : symbols.lookupOrDefineImpl(name, name);
+    return m_remoteNode.symbols().lookupOrDefine(name);
 }
 
 // Under the write lock.

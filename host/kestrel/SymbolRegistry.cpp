@@ -29,16 +29,15 @@ void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &se
         if (old != 0)
             forget(old);
         if (const Entry *held = entry(symbol))
-            if (held->name != name)
+            if (!held->matches(name))
                 forget(symbol);
     }
     Entry &made = m_entries.make(symbol);
-    if (!made.defined) {
-        made.defined = true;
+    if (!made.defined()) {
         ++m_count;
         insertSlot(hash, symbol);
     }
-    made.name = name;
+    made.define(name);
     if (second == name)
         m_seconds.erase(symbol);
     else
@@ -63,9 +62,7 @@ unsigned SymbolRegistry::lookupOrDefineHashed(const QByteArray &name, const QByt
     while (m_next == 0 || entry(m_next))
         ++m_next;
     const unsigned symbol = m_next++;
-    Entry &made = m_entries.make(symbol);
-    made.defined = true;
-    made.name = name;
+    m_entries.make(symbol).define(name);
     ++m_count;
     if (second != name)
         m_seconds[symbol] = second;
@@ -107,7 +104,7 @@ QByteArray SymbolRegistry::second(unsigned symbol) const
     if (!held)
         return QByteArray();
     auto it = m_seconds.find(symbol);
-    return it == m_seconds.end() ? held->name : it->second;
+    return it == m_seconds.end() ? held->name() : it->second;
 }
 
 std::size_t SymbolRegistry::count() const
@@ -124,7 +121,7 @@ unsigned SymbolRegistry::lookupUnlocked(const QByteArray &name) const
 QByteArray SymbolRegistry::nameUnlocked(unsigned symbol) const
 {
     const Entry *held = entry(symbol);
-    return held ? held->name : QByteArray();
+    return held ? held->name() : QByteArray();
 }
 
 QByteArray SymbolRegistry::sharedName(const QByteArray &name) const
@@ -136,14 +133,21 @@ QByteArray SymbolRegistry::sharedName(const QByteArray &name) const
 const SymbolRegistry::Entry *SymbolRegistry::entry(unsigned symbol) const
 {
     const Entry *held = m_entries.find(symbol);
-    return held && held->defined ? held : nullptr;
+    return held && held->defined() ? held : nullptr;
+}
+
+const QByteArray &SymbolRegistry::Entry::nullMarker()
+{
+    static const QByteArray s_marker(1, '\0');
+    return s_marker;
 }
 
 // Drops a defined symbol in both directions.
 void SymbolRegistry::forget(unsigned symbol)
 {
     const Entry *held = entry(symbol);
-    eraseSlot(findSlot(held->name, qHash(held->name)));
+    const QByteArray name = held->name();
+    eraseSlot(findSlot(name, qHash(name)));
     m_entries.reset(symbol);
     m_seconds.erase(symbol);
     --m_count;
@@ -154,7 +158,7 @@ std::size_t SymbolRegistry::findSlot(const QByteArray &name, unsigned hash) cons
     const std::size_t mask = m_slots.size() - 1;
     for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
         const Slot &slot = m_slots[i];
-        if (slot.symbol == 0 || (slot.hash == hash && entry(slot.symbol)->name == name))
+        if (slot.symbol == 0 || (slot.hash == hash && entry(slot.symbol)->matches(name)))
             return i;
     }
 }

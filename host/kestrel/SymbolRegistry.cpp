@@ -29,16 +29,15 @@ void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &se
         if (old != 0)
             forget(old);
         if (const Entry *held = entry(symbol))
-            if (held->name != name)
+            if (!held->matches(name))
                 forget(symbol);
     }
     Entry &made = m_entries.make(symbol);
-    if (!made.defined) {
-        made.defined = true;
+    if (!made.defined()) {
         ++m_count;
         insertSlot(hash, symbol);
     }
-    made.name = name;
+    made.define(name);
     if (second == name)
         m_seconds.erase(symbol);
     else
@@ -47,22 +46,43 @@ void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &se
 
 unsigned SymbolRegistry::lookupOrDefineImpl(const QByteArray &name, const QByteArray &second)
 {
+    return lookupOrDefineHashed(name, second, qHash(name));
+}
+
+// A new name is entered at the free slot its probe ended on: one hash and one probe for the
+// whole definition, where a general define would probe again for an older number of the name.
+unsigned SymbolRegistry::lookupOrDefineHashed(const QByteArray &name, const QByteArray &second, unsigned hash)
+{
     WriteLocker locker(&m_lock);
     // Another thread may have defined the name between the caller's read-locked miss and now.
-    if (const unsigned symbol = lookupUnlocked(name))
-        return symbol;
+    std::size_t slot = m_slots.empty() ? 0 : findSlot(name, hash);
+    if (!m_slots.empty() && m_slots[slot].symbol != 0)
+        return m_slots[slot].symbol;
     // Numbers given by define() may sit anywhere; skip them, and 0 after a wrap.
     while (m_next == 0 || entry(m_next))
         ++m_next;
     const unsigned symbol = m_next++;
-    defineUnlocked(name, second, symbol);
+    m_entries.make(symbol).define(name);
+    ++m_count;
+    if (second != name)
+        m_seconds[symbol] = second;
+    if (2 * m_count > m_slots.size())
+        insertSlot(hash, symbol);   // grows the index, and probes anew
+    else
+        m_slots[slot] = Slot{hash, symbol};
     return symbol;
 }
 
 unsigned SymbolRegistry::lookupOrDefine(const QByteArray &name)
 {
-    const unsigned symbol = lookup(name);
-    return symbol ? symbol : lookupOrDefineImpl(name, name);
+    const unsigned hash = qHash(name);
+    {
+        ReadLocker locker(&m_lock);
+        if (!m_slots.empty())
+            if (const unsigned symbol = m_slots[findSlot(name, hash)].symbol)
+                return symbol;
+    }
+    return lookupOrDefineHashed(name, name, hash);
 }
 
 unsigned SymbolRegistry::lookup(const QByteArray &name) const
@@ -84,7 +104,7 @@ QByteArray SymbolRegistry::second(unsigned symbol) const
     if (!held)
         return QByteArray();
     auto it = m_seconds.find(symbol);
-    return it == m_seconds.end() ? held->name : it->second;
+    return it == m_seconds.end() ? held->name() : it->second;
 }
 
 std::size_t SymbolRegistry::count() const
@@ -101,20 +121,33 @@ unsigned SymbolRegistry::lookupUnlocked(const QByteArray &name) const
 QByteArray SymbolRegistry::nameUnlocked(unsigned symbol) const
 {
     const Entry *held = entry(symbol);
-    return held ? held->name : QByteArray();
+    return held ? held->name() : QByteArray();
+}
+
+QByteArray SymbolRegistry::sharedName(const QByteArray &name) const
+{
+    ReadLocker locker(&m_lock);
+    return nameUnlocked(lookupUnlocked(name));
 }
 
 const SymbolRegistry::Entry *SymbolRegistry::entry(unsigned symbol) const
 {
     const Entry *held = m_entries.find(symbol);
-    return held && held->defined ? held : nullptr;
+    return held && held->defined() ? held : nullptr;
+}
+
+const QByteArray &SymbolRegistry::Entry::nullMarker()
+{
+    static const QByteArray s_marker(1, '\0');
+    return s_marker;
 }
 
 // Drops a defined symbol in both directions.
 void SymbolRegistry::forget(unsigned symbol)
 {
     const Entry *held = entry(symbol);
-    eraseSlot(findSlot(held->name, qHash(held->name)));
+    const QByteArray name = held->name();
+    eraseSlot(findSlot(name, qHash(name)));
     m_entries.reset(symbol);
     m_seconds.erase(symbol);
     --m_count;
@@ -125,7 +158,7 @@ std::size_t SymbolRegistry::findSlot(const QByteArray &name, unsigned hash) cons
     const std::size_t mask = m_slots.size() - 1;
     for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
         const Slot &slot = m_slots[i];
-        if (slot.symbol == 0 || (slot.hash == hash && entry(slot.symbol)->name == name))
+        if (slot.symbol == 0 || (slot.hash == hash && entry(slot.symbol)->matches(name)))
             return i;
     }
 }

@@ -39,13 +39,28 @@ public:
     unsigned lookupUnlocked(const QByteArray &name) const;
     QByteArray nameUnlocked(unsigned symbol) const;
 
+    // This registry's own copy of a name equal to `name`, null if it has none: another registry
+    // that stores the copy shares its bytes instead of holding them twice.
+    QByteArray sharedName(const QByteArray &name) const;
+
 private:
-    // A defined symbol's name. The second array is kept apart, and only where its bytes differ
-    // from the name's: this system always passes the same array twice.
-    struct Entry
+    // A symbol's name in a single pointer: a null array marks a symbol never defined, so a name
+    // defined null is held as one shared marker array and given back null. The second array is
+    // kept apart, and only where its bytes differ from the name's: this system always passes the
+    // same array twice.
+    class Entry
     {
-        QByteArray name;
-        bool defined = false;
+    public:
+        bool defined() const { return !m_name.isNull(); }
+        QByteArray name() const { return isNullName() ? QByteArray() : m_name; }
+        // QByteArray's equality: a null name equals an empty one.
+        bool matches(const QByteArray &other) const { return isNullName() ? other.isEmpty() : m_name == other; }
+        void define(const QByteArray &name) { m_name = name.isNull() ? nullMarker() : name; }
+
+    private:
+        static const QByteArray &nullMarker();
+        bool isNullName() const { return m_name.isSharedWith(nullMarker()); }
+        QByteArray m_name;
     };
     // One place of the open-addressing index from names to symbols; symbol 0 marks a free place.
     struct Slot
@@ -55,6 +70,7 @@ private:
     };
 
     void defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol);
+    unsigned lookupOrDefineHashed(const QByteArray &name, const QByteArray &second, unsigned hash);
     const Entry *entry(unsigned symbol) const;   // null unless defined
     void forget(unsigned symbol);
     std::size_t findSlot(const QByteArray &name, unsigned hash) const; // its slot, or a free one

@@ -92,19 +92,42 @@ void Attribute::removeListener(long id)
     removed->active.store(false, std::memory_order_release);
 }
 
+bool Attribute::attachObserver(ChangeObserver *observer, unsigned cookie)
+{
+    if (m_listeners.load(std::memory_order_acquire) || m_observer.load(std::memory_order_acquire))
+        return false;
+    m_observerCookie.store(cookie, std::memory_order_relaxed);
+    ChangeObserver *expected = nullptr;
+    return m_observer.compare_exchange_strong(expected, observer, std::memory_order_acq_rel);
+}
+
+bool Attribute::replaceObserver(ChangeObserver *from, unsigned cookie, ChangeObserver *to)
+{
+    if (m_observer.load(std::memory_order_acquire) != from || m_observerCookie.load(std::memory_order_relaxed) != cookie)
+        return false;
+    return m_observer.compare_exchange_strong(from, to, std::memory_order_acq_rel);
+}
+
+bool Attribute::detachObserver(ChangeObserver *observer)
+{
+    return m_observer.compare_exchange_strong(observer, nullptr, std::memory_order_acq_rel);
+}
+
 void Attribute::emitRole(int role)
 {
     Listeners *state = m_listeners.load(std::memory_order_acquire);
-    if (!state)
-        return;
     // Most attributes have a listener or two: keep the copy off the heap on that path.
     QVarLengthArray<std::shared_ptr<Listeners::Entry>, 4> calls;
-    {
+    if (state) {
         std::lock_guard<SpinLock> lock(state->lock);
         for (const auto &entry : state->entries)
             if (entry->role == role)
                 calls.push_back(entry);
     }
+    // The observer ranks before every listener: it was attached before the first of them.
+    if (role == CHANGE_ROLE)
+        if (ChangeObserver *observer = m_observer.load(std::memory_order_acquire))
+            observer->attributeChanged(m_observerCookie.load(std::memory_order_relaxed));
     // The copies keep each function alive even if a listener removes itself while it runs.
     for (const auto &entry : calls)
         if (entry->active.load(std::memory_order_acquire))

@@ -16,6 +16,17 @@ namespace Tamarack {
 class AttributeAlias;
 class Node;
 
+// Receives the changes of attributes it was attached to (see Attribute::attachObserver), with the
+// number it was attached under. Called on the changing thread with no lock held.
+class TAMARACK_EXPORT ChangeObserver
+{
+public:
+    virtual void attributeChanged(unsigned cookie) = 0;
+
+protected:
+    ~ChangeObserver() = default;
+};
+
 // A named value with listeners and layers, held by at most one node, its host.
 //
 // Lifetime: an attribute with a host belongs to that host, which deletes it with itself. Deleting
@@ -62,6 +73,20 @@ public:
     long addListener(std::function<void()> listener, int role);
     // Safe from inside any listener of this attribute. Unknown ids are ignored.
     void removeListener(long id);
+
+    // One change observer kept inside the attribute, for a watcher that follows every attribute
+    // of a large tree: no listener table and no entry to allocate. It is called before the
+    // CHANGE_ROLE listeners, as if it were the first of them, so it is taken only by an attribute
+    // that has never had a listener; otherwise attachObserver returns false and the caller adds a
+    // listener instead. Same thread rules as listeners: detaching does not wait for a call
+    // already running on another thread.
+    // One party attaches at a time.
+    bool attachObserver(ChangeObserver *observer, unsigned cookie);
+    // Swaps the attached observer `from` for `to` in its place; false unless `from` is the one
+    // attached, under that cookie.
+    bool replaceObserver(ChangeObserver *from, unsigned cookie, ChangeObserver *to);
+    // Detaches observer if it is the one attached; false otherwise.
+    bool detachObserver(ChangeObserver *observer);
 
     virtual void eventProcess(const QByteArray &id, Kestrel::BinaryData &data);
     // The numeric and text views of the value on a layer; ok (may be null) is cleared when the
@@ -124,7 +149,9 @@ private:
     QByteArray m_name;
     std::atomic<Node *> m_host{nullptr};         // written by the host under its child lock
     std::atomic<Listeners *> m_listeners{nullptr}; // made on the first addListener, by CAS
+    std::atomic<ChangeObserver *> m_observer{nullptr}; // set and cleared by CAS
     Attribute *m_ownerShorthand = nullptr;
+    std::atomic<unsigned> m_observerCookie{0};   // written before m_observer publishes it
     std::atomic<bool> m_destroying{false};
 };
 

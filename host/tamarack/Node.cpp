@@ -5,6 +5,7 @@
 
 #include <QHash>
 
+#include <algorithm>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -51,13 +52,27 @@ public:
         std::atomic<bool> active{true};
     };
 
+    // Name -> position in children, by open addressing with linear probing, at most half full:
+    // one 8-byte place per slot and no node per child. The names are the children's own.
+    struct Slot
+    {
+        unsigned hash;
+        unsigned position; // 1 + position in children; 0 marks a free place
+    };
+
     int find(Attribute *attribute) const; // under childMutex
     void compact();                       // under childMutex
+    // All under childMutex.
+    std::size_t probe(const QByteArray &name, unsigned hash) const; // its slot, or the free one ending the run
+    int position(const QByteArray &name) const;                      // -1 if absent
+    void indexInsert(const QByteArray &name, int position);
+    void indexErase(const QByteArray &name);
 
     // Lock order: childMutex and eventMutex are leaves; neither is held while calling out.
     mutable std::mutex childMutex;
     std::vector<Child> children;           // guarded by childMutex; addition order
-    QHash<QByteArray, int> index;          // guarded by childMutex; name -> position in children
+    std::vector<Slot> index;               // guarded by childMutex; power-of-two size or empty
+    std::size_t indexed = 0;               // guarded by childMutex; names in index
     int holes = 0;                         // guarded by childMutex
     bool clearing = false;                 // guarded by childMutex; set in ~Node, stops compaction
 
@@ -68,11 +83,69 @@ public:
     QList<QByteArray> eventsOut;           // guarded by eventMutex
 };
 
+std::size_t Node::D::probe(const QByteArray &name, unsigned hash) const
+{
+    const std::size_t mask = index.size() - 1;
+    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
+        const Slot &slot = index[i];
+        if (slot.position == 0 || (slot.hash == hash && children[slot.position - 1].name == name))
+            return i;
+    }
+}
+
+int Node::D::position(const QByteArray &name) const
+{
+    if (index.empty())
+        return -1;
+    return int(index[probe(name, qHash(name))].position) - 1;
+}
+
+void Node::D::indexInsert(const QByteArray &name, int position)
+{
+    if (2 * (indexed + 1) > index.size()) {
+        std::vector<Slot> old(std::max<std::size_t>(8, 2 * index.size()), Slot{0, 0});
+        old.swap(index);
+        const std::size_t mask = index.size() - 1;
+        for (const Slot &slot : old) {
+            if (slot.position == 0)
+                continue;
+            std::size_t i = slot.hash & mask;
+            while (index[i].position != 0)
+                i = (i + 1) & mask;
+            index[i] = slot;
+        }
+    }
+    const unsigned hash = qHash(name);
+    index[probe(name, hash)] = Slot{hash, unsigned(position) + 1};
+    ++indexed;
+}
+
+// Backward-shift deletion: later members of the probe run move up, so no tombstones are needed.
+void Node::D::indexErase(const QByteArray &name)
+{
+    if (index.empty())
+        return;
+    const std::size_t mask = index.size() - 1;
+    std::size_t hole = probe(name, qHash(name));
+    if (index[hole].position == 0)
+        return;
+    for (std::size_t i = (hole + 1) & mask; index[i].position != 0; i = (i + 1) & mask) {
+        const std::size_t home = index[i].hash & mask;
+        // The entry may fill the hole if its home is not cyclically within (hole, i].
+        if (((i - home) & mask) >= ((i - hole) & mask)) {
+            index[hole] = index[i];
+            hole = i;
+        }
+    }
+    index[hole] = Slot{0, 0};
+    --indexed;
+}
+
 int Node::D::find(Attribute *attribute) const
 {
-    auto it = index.constFind(attribute->name());
-    if (it != index.constEnd() && children[it.value()].attribute == attribute)
-        return it.value();
+    const int pos = position(attribute->name());
+    if (pos >= 0 && children[pos].attribute == attribute)
+        return pos;
     // Renamed after it was added: the index still has the old name.
     for (std::size_t i = 0; i < children.size(); ++i)
         if (children[i].attribute == attribute)
@@ -86,15 +159,16 @@ void Node::D::compact()
         return;
     std::vector<Child> kept;
     kept.reserve(children.size() - holes);
-    index.clear();
-    for (auto &child : children) {
-        if (!child.attribute)
-            continue;
-        index.insert(child.name, static_cast<int>(kept.size()));
-        kept.push_back(std::move(child));
-    }
+    for (auto &child : children)
+        if (child.attribute)
+            kept.push_back(std::move(child));
     children.swap(kept);
     holes = 0;
+    // The probes compare the names at the new positions, so the index is rebuilt after the move.
+    index.clear();
+    indexed = 0;
+    for (std::size_t i = 0; i < children.size(); ++i)
+        indexInsert(children[i].name, int(i));
 }
 
 Node::Node()
@@ -157,8 +231,8 @@ std::vector<std::pair<QByteArray, Attribute *>> Node::children() const
 Attribute *Node::attribute(const QByteArray &name) const
 {
     std::lock_guard<std::mutex> lock(m_d->childMutex);
-    auto it = m_d->index.constFind(name);
-    return it == m_d->index.constEnd() ? nullptr : m_d->children[it.value()].attribute;
+    const int pos = m_d->position(name);
+    return pos < 0 ? nullptr : m_d->children[pos].attribute;
 }
 
 bool Node::addAttribute(const QByteArray &name, Attribute *attribute)
@@ -167,15 +241,16 @@ bool Node::addAttribute(const QByteArray &name, Attribute *attribute)
         return false;
     {
         std::lock_guard<std::mutex> lock(m_d->childMutex);
-        if (m_d->index.contains(name))
+        if (m_d->position(name) >= 0)
             return false;
         Node *none = nullptr;
         if (!attribute->m_host.compare_exchange_strong(none, this, std::memory_order_acq_rel))
             return false;
         if (attribute->m_name != name)
             attribute->m_name = name;
-        m_d->index.insert(name, static_cast<int>(m_d->children.size()));
+        // Pushed first: the probe compares the names of the children it passes.
         m_d->children.push_back(D::Child{name, attribute});
+        m_d->indexInsert(name, static_cast<int>(m_d->children.size()) - 1);
     }
     attributeAdded(attribute);
     eventAttributeAdded.raise(attribute);
@@ -192,7 +267,7 @@ bool Node::removeAttribute(Attribute *attribute)
         if (pos < 0)
             return false;
         D::Child &child = m_d->children[pos];
-        m_d->index.remove(child.name);
+        m_d->indexErase(child.name);
         child.attribute = nullptr;
         child.name.clear();
         ++m_d->holes;

@@ -88,7 +88,7 @@ void Core::ensureIsInitialized()
     RemoteNode &node = *m_d->node;
     m_d->storage = std::make_shared<AttributeStorage>(node);
     m_d->enabled.store(params.enabled);
-    m_d->dispatcher.preloadReceiver(std::make_shared<SymbolRegistryReceiver>(m_d->symbolRegistryRecv));
+    m_d->dispatcher.preloadReceiver(std::make_shared<SymbolRegistryReceiver>(m_d->symbolRegistryRecv, &node.symbols()));
     // Registering announces the sender's message types: "load-module" records for the peer.
     m_d->sender = std::make_shared<NodeChangeSender>(node, *m_d->storage, m_d->types);
     m_d->dispatcher.registerSender(m_d->sender);

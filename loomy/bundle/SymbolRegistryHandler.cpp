@@ -7,8 +7,9 @@
 
 namespace Loomy {
 
-SymbolRegistryReceiver::SymbolRegistryReceiver(Kestrel::SymbolRegistry &registry)
-    : BundleReceiver(BundleSender::symbolMessageName), m_registry(registry)
+SymbolRegistryReceiver::SymbolRegistryReceiver(Kestrel::SymbolRegistry &registry,
+                                               const Kestrel::SymbolRegistry *local)
+    : BundleReceiver(BundleSender::symbolMessageName), m_registry(registry), m_local(local)
 {}
 
 void SymbolRegistryReceiver::handleBundle(BundleReader &reader)
@@ -19,7 +20,11 @@ void SymbolRegistryReceiver::handleBundle(BundleReader &reader)
         const quint32 length = reader.read<quint32>();
         // read() checks the name against the bytes left before anything is copied.
         const char *name = reader.read(length);
-        const QByteArray bytes(name, int(length));
+        // Most names the peer announces are ours too (both trees hold the same paths): one
+        // string for both registries instead of a copy in each.
+        QByteArray bytes = QByteArray::fromRawData(name, int(length));
+        const QByteArray shared = m_local ? m_local->sharedName(bytes) : QByteArray();
+        bytes = shared.isNull() ? QByteArray(name, int(length)) : shared;
         m_registry.define(bytes, bytes, symbol);
     }
 }

@@ -20,13 +20,15 @@ namespace Loomy {
 class LOOMY_EXPORT SymbolRegistryReceiver : public BundleReceiver
 {
 public:
-    // The registry is the session's receive registry and must outlive the receiver.
-    explicit SymbolRegistryReceiver(Kestrel::SymbolRegistry &registry);
+    // The registry is the session's receive registry; local, if given, is the node's own, whose
+    // copy of a name the receive registry then shares. Both must outlive the receiver.
+    explicit SymbolRegistryReceiver(Kestrel::SymbolRegistry &registry, const Kestrel::SymbolRegistry *local = nullptr);
 
     void handleBundle(BundleReader &reader) override;
 
 private:
     Kestrel::SymbolRegistry &m_registry;
+    const Kestrel::SymbolRegistry *m_local;
 };
 
 } // namespace Loomy

@@ -67,13 +67,7 @@ LoomySessionAttribute *AttributeStorage::allocate()
 // Under the write lock, which comes before the registry's.
 unsigned int AttributeStorage::defineName(const QByteArray &name)
 {
-    Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
-    unsigned int symbol;
-    {
-        Kestrel::ReadLocker symbolLocker(&symbols.lock());
-        symbol = symbols.lookupUnlocked(name);
-    }
-    return symbol != 0 ? symbol : symbols.lookupOrDefineImpl(name, name);
+    return m_remoteNode.symbols().lookupOrDefine(name);
 }
 
 // Under the write lock.
@@ -82,11 +76,24 @@ LoomySessionAttribute *AttributeStorage::createLocked(unsigned int symbol)
     LoomySessionAttribute *record = allocate();
     record->writeSymbol = symbol;
     // An earlier record of the same name is replaced here, and stays reachable by its symbols.
-    m_byName.make(symbol) = record;
     LoomySessionAttribute *&bySymbol = m_byWriteSymbol.make(symbol);
     if (!bySymbol)
         bySymbol = record;
+    else
+        m_laterByName[symbol] = record;
     return record;
+}
+
+// Under either lock.
+LoomySessionAttribute *AttributeStorage::byNameLocked(unsigned int symbol) const
+{
+    if (!m_laterByName.empty()) {
+        auto it = m_laterByName.find(symbol);
+        if (it != m_laterByName.end())
+            return it->second;
+    }
+    LoomySessionAttribute *const *first = m_byWriteSymbol.find(symbol);
+    return first ? *first : nullptr;
 }
 
 LoomySessionAttribute *AttributeStorage::create(const QByteArray &name)
@@ -105,8 +112,8 @@ LoomySessionAttribute *AttributeStorage::findOrCreate(const QByteArray &name)
 {
     Kestrel::WriteLocker locker(&m_lock);
     const unsigned int symbol = defineName(name);
-    LoomySessionAttribute *const *named = m_byName.find(symbol);
-    return named && *named ? *named : createLocked(symbol);
+    LoomySessionAttribute *named = byNameLocked(symbol);
+    return named ? named : createLocked(symbol);
 }
 
 void AttributeStorage::indexByReadSymbol(unsigned int symbol, LoomySessionAttribute *attribute)
@@ -144,8 +151,7 @@ LoomySessionAttribute *AttributeStorage::findByName(const QByteArray &name) cons
         Kestrel::ReadLocker symbolLocker(&symbols.lock());
         symbol = symbols.lookupUnlocked(name);
     }
-    LoomySessionAttribute *const *named = symbol ? m_byName.find(symbol) : nullptr;
-    return named ? *named : nullptr;
+    return symbol ? byNameLocked(symbol) : nullptr;
 }
 
 void AttributeStorage::debugDump() const
@@ -154,9 +160,9 @@ void AttributeStorage::debugDump() const
     // Path order, by qstrcmp (QByteArray's operator<).
     std::vector<std::pair<QByteArray, LoomySessionAttribute *>> byName;
     const Kestrel::SymbolRegistry &symbols = m_remoteNode.symbols();
-    m_byName.forEach([&](unsigned int symbol, LoomySessionAttribute *record) {
-        if (record)
-            byName.emplace_back(symbols.nameUnlocked(symbol), record);
+    m_byWriteSymbol.forEach([&](unsigned int symbol, LoomySessionAttribute *first) {
+        if (first)
+            byName.emplace_back(symbols.nameUnlocked(symbol), byNameLocked(symbol));
     });
     std::sort(byName.begin(), byName.end(),
               [](const auto &a, const auto &b) { return a.first < b.first; });

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 namespace Loomy {
@@ -93,11 +94,14 @@ private:
     LoomySessionAttribute *createLocked(unsigned int symbol);
 
     mutable QReadWriteLock m_lock; // guards the three indexes and the blocks, not the records' fields
+    LoomySessionAttribute *byNameLocked(unsigned int symbol) const;
+
     Kestrel::SymbolTable<LoomySessionAttribute *> m_byReadSymbol;   // null: none
+    // The first record of each local symbol. The name index is keyed by the same symbols (the
+    // name's in the node's registry, where create() puts every name, and which never forgets
+    // one), so it is this table, except where a later record of the name replaced the first.
     Kestrel::SymbolTable<LoomySessionAttribute *> m_byWriteSymbol;  // null: none
-    // The name index, keyed by the name's symbol in the node's registry, where create() puts
-    // every name, and which never forgets one.
-    Kestrel::SymbolTable<LoomySessionAttribute *> m_byName;         // null: none
+    std::unordered_map<unsigned int, LoomySessionAttribute *> m_laterByName;
     // Every record made, in blocks that double in size up to a limit; records never move.
     std::vector<std::unique_ptr<LoomySessionAttribute[]>> m_blocks;
     std::size_t m_lastBlockSize = 0;

@@ -61,7 +61,10 @@ struct PendingAdded
     }
     ~PendingAdded()
     {
-        if (Attribute *alive = attribute.exchange(nullptr))
+        Attribute *alive = attribute.exchange(nullptr);
+        if (alive && observer)
+            alive->detachObserver(observer);
+        else if (alive)
             alive->removeListener(changeListener);
     }
     PendingAdded(const PendingAdded &) = delete;
@@ -72,6 +75,9 @@ struct PendingAdded
     // Only for removing the listener; cleared by AttributeAddedQueue::forget once it is gone.
     std::atomic<Attribute *> attribute;
     bool notify;
+    // The temporary listener: the watcher's pending observer inside the attribute where it had
+    // room, else a listener.
+    Tamarack::ChangeObserver *observer = nullptr;
     long changeListener = 0;
 };
 
@@ -176,8 +182,22 @@ public:
     void nodeRemoved(Node &node, const QByteArray &path, unsigned int symbol, bool notify);
     void event(EventType type, unsigned int symbol);
 
+    // The two observers a plain attribute carries inside itself where it has room: while its
+    // addition is queued, then while it is watched. The cookie is the symbol.
+    template <void (D::*Handle)(unsigned int)>
+    struct Observer : Tamarack::ChangeObserver
+    {
+        explicit Observer(D &d_) : d(d_) {}
+        void attributeChanged(unsigned cookie) override { (d.*Handle)(cookie); }
+        D &d;
+    };
+    void changed(unsigned int symbol) { event(ATTRIBUTE_CHANGED, symbol); }
+
     Kestrel::SymbolRegistry &symbols;   // not owned
     AttributeCache &cache;              // not owned
+    // Before the queue: its records detach the pending observer when they go.
+    Observer<&D::processPendingAddedChanged> pendingObserver{*this};
+    Observer<&D::changed> watchedObserver{*this};
     Tamarack::ListenerHolder holder;    // aliases' change listeners, and the root's deletion listener
     Tamarack::Reference reference;      // receiver of the listeners on nodes' added/removed events
 
@@ -219,8 +239,16 @@ public:
     struct Watched
     {
         Attribute *attribute = nullptr;
-        long listener = 0;              // 0 while the slot is being filled
+        long listener = 0;              // 0 while the slot is being filled; s_observed for the observer
     };
+    static constexpr long s_observed = -1;
+    void unwatch(Attribute &attribute, long listener)
+    {
+        if (listener == s_observed)
+            attribute.detachObserver(&watchedObserver);
+        else if (listener)
+            attribute.removeListener(listener);
+    }
     Kestrel::Mutex watchedMutex;
     Kestrel::SymbolTable<Watched> watched; // guarded by watchedMutex
 };
@@ -237,7 +265,7 @@ NodeWatcher::D::~D()
         });
     }
     for (const Watched &slot : left)
-        slot.attribute->removeListener(slot.listener);
+        unwatch(*slot.attribute, slot.listener);
 }
 
 unsigned int NodeWatcher::D::ensureCached(Attribute *attribute, const QByteArray &path)
@@ -276,8 +304,11 @@ void NodeWatcher::D::onAttributeAdded(const QByteArray &path, Attribute *attribu
     }
 
     auto record = std::make_shared<PendingAdded>(symbol, attribute, !ignore);
-    record->changeListener = attribute->addListener([this, symbol] { processPendingAddedChanged(symbol); },
-                                                    Attribute::CHANGE_ROLE);
+    if (attribute->attachObserver(&pendingObserver, symbol))
+        record->observer = &pendingObserver;
+    else
+        record->changeListener = attribute->addListener([this, symbol] { processPendingAddedChanged(symbol); },
+                                                        Attribute::CHANGE_ROLE);
     pending.push(std::move(record));
 }
 
@@ -353,9 +384,11 @@ void NodeWatcher::D::attributeAdded(Attribute &attribute, unsigned int symbol, b
         event(ATTRIBUTE_ADDED, symbol);
 }
 
+// A queued attribute's pending observer becomes the watched one in its place, so that it keeps
+// ranking before the listeners added meanwhile, as the first listener would.
 void NodeWatcher::D::setupAttributeListeners(Attribute &attribute, unsigned int symbol)
 {
-    std::function<void()> listener = [this, symbol] { event(ATTRIBUTE_CHANGED, symbol); };
+    auto listener = [this, symbol] { event(ATTRIBUTE_CHANGED, symbol); };
     {
         Kestrel::MutexLocker locker(watchedMutex);
         Watched &slot = watched.make(symbol);
@@ -366,7 +399,10 @@ void NodeWatcher::D::setupAttributeListeners(Attribute &attribute, unsigned int 
         }
         slot.attribute = &attribute;
     }
-    const long id = attribute.addListener(std::move(listener), Attribute::CHANGE_ROLE);
+    const long id = attribute.replaceObserver(&pendingObserver, symbol, &watchedObserver)
+                            || attribute.attachObserver(&watchedObserver, symbol)
+                        ? s_observed
+                        : attribute.addListener(listener, Attribute::CHANGE_ROLE);
     {
         Kestrel::MutexLocker locker(watchedMutex);
         Watched *slot = watched.find(symbol);
@@ -376,7 +412,7 @@ void NodeWatcher::D::setupAttributeListeners(Attribute &attribute, unsigned int 
         }
     }
     // Removed on another thread meanwhile: the removal found no listener to take away.
-    attribute.removeListener(id);
+    unwatch(attribute, id);
 }
 
 // The attribute is leaving: alive, but perhaps already reduced to its base.
@@ -391,8 +427,7 @@ void NodeWatcher::D::removeAttributeListener(Attribute &attribute, unsigned int 
         id = slot->listener;
         *slot = Watched();
     }
-    if (id)
-        attribute.removeListener(id);
+    unwatch(attribute, id);
 }
 
 // Children present now are classified right here, depth first, after their node; later ones come

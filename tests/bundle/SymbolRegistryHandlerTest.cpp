@@ -50,3 +50,18 @@ TEST(SymbolRegistryReceiver, TruncatedOrHostileEntryThrowsAndKeepsEarlierEntries
     for (const char *length : {"fcffffff", "ffffffff", "00000080"})
         EXPECT_EQ(receive(unhex("01000000") + unhex(length) + unhex("61626364")), s_readPastEnd + "; 0") << length;
 }
+
+// A name the local registry holds is stored as the local copy: one string for both registries.
+TEST(SymbolRegistryReceiver, SharesTheLocalCopyOfAName)
+{
+    Kestrel::SymbolRegistry local, registry;
+    local.lookupOrDefine("g1/a2");
+    SymbolRegistryReceiver receiver(registry, &local);
+    const Bundle bundle = withBody(unhex("05000000 05000000 67312f6132 000000 06000000 02000000 6262 0000"));
+    BundleReader reader(bundle);
+    receiver.handleBundle(reader);
+    EXPECT_EQ(registry.name(5), "g1/a2");
+    EXPECT_EQ(registry.name(5).constData(), local.name(local.lookup("g1/a2")).constData());
+    EXPECT_EQ(registry.name(6), "bb");
+    EXPECT_EQ(local.count(), 1u);
+}

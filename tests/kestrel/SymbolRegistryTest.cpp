@@ -34,6 +34,13 @@ TEST(SymbolRegistry, DefineReplacesEitherSideRefusesZeroAndAllocationSkipsItsNum
     const unsigned fresh = registry.lookupOrDefine(QByteArray());
     EXPECT_GT(fresh, 2u);
     EXPECT_EQ(registry.lookupOrDefine(""), fresh);   // a null and an empty array are the same name
+    EXPECT_TRUE(registry.name(fresh).isNull());       // and a name defined null stays null
+    EXPECT_EQ(registry.count(), 3u);
+    registry.define("", "", fresh + 1);               // moves the name: the old number is free
+    EXPECT_TRUE(registry.name(fresh).isNull() && registry.lookup(QByteArray()) == fresh + 1);
+    EXPECT_EQ(QByteArray(registry.name(fresh + 1)), "");
+    EXPECT_FALSE(registry.name(fresh + 1).isNull());
+    EXPECT_EQ(registry.count(), 3u);
 }
 
 // Threads that meet the same new names at the same time must agree on one number per name, as

@@ -78,4 +78,17 @@ TEST_F(AttributeStorageTest, FindOrCreateAndCreateForSymbolFileUnderTheNamesSymb
     EXPECT_EQ(storage.findOrCreate("c"), known);
 }
 
+// A second create() of a name takes the name index; the first record keeps the symbol index.
+TEST_F(AttributeStorageTest, ASecondRecordOfANameTakesTheNameButNotTheSymbol)
+{
+    LoomySessionAttribute *first = storage.create("n");
+    LoomySessionAttribute *second = storage.create("n");
+    ASSERT_NE(first, second);
+    EXPECT_EQ(second->writeSymbol, first->writeSymbol);
+    EXPECT_EQ(storage.findByWriteSymbol(first->writeSymbol), first);
+    EXPECT_EQ(storage.findByName("n"), second);
+    EXPECT_EQ(storage.findOrCreate("n"), second);
+    EXPECT_EQ(storage.findByName("m"), nullptr);
+}
+
 } // namespace

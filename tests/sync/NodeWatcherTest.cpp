@@ -240,3 +240,32 @@ TEST_F(NodeWatcherTest, ConcurrentAdditionsAndChangesWhileUpdating)
 }
 
 } // namespace
+
+// The watcher's change report ranks among an attribute's own listeners where its first listener
+// would: before those added once the attribute joined (queued or filed), after those it brought.
+// Once the attribute leaves, its changes go unreported.
+TEST_F(NodeWatcherTest, ChangeReportRanksAsTheFirstListenerAndEndsWithTheRemoval)
+{
+    QStringList calls;
+    t.watcher.addListener([&](const NodeWatcher::Event &event) {
+        if (event.type == NodeWatcher::ATTRIBUTE_CHANGED)
+            calls << "w " + QString::fromUtf8(t.symbols.name(event.symbol));
+    });
+    auto *queued = t.add("q");
+    queued->addListener([&] { calls << "u q"; }, Tamarack::Attribute::CHANGE_ROLE);
+    auto *brought = new IntAttr;
+    brought->addListener([&] { calls << "u b"; }, Tamarack::Attribute::CHANGE_ROLE);
+    t.add("b", brought);
+    queued->setValue(1);   // pulls the queued addition forward
+    t.update();
+    for (int value : {2, 3}) {
+        queued->setValue(value);
+        brought->setValue(value);
+    }
+    EXPECT_EQ(calls, QStringList({"w q", "u q", "w q", "u q", "u b", "w b", "w q", "u q", "u b", "w b"}));
+    calls.clear();
+    t.root->removeAttribute(queued);
+    queued->setValue(4);
+    EXPECT_EQ(calls, QStringList{"u q"});
+    delete queued;
+}

@@ -121,6 +121,38 @@ TEST(Listeners, RemovalsAndAdditionsFromInsideAnEmission)
     EXPECT_EQ(calls, Ints({1, 2, 4, 1, 4, 5}));
 }
 
+// Records the cookies it is called with, into a shared log of calls.
+struct LoggingObserver : Tamarack::ChangeObserver
+{
+    explicit LoggingObserver(Ints &log_) : log(log_) {}
+    void attributeChanged(unsigned cookie) override { log.push_back(int(cookie)); }
+    Ints &log;
+};
+
+// The observer ranks as the first listener: before those added later, refused where a listener
+// came first; a replace needs the attached observer and its cookie.
+TEST(Observer, RanksFirstAndTakesOnlyAnAttributeWithoutListeners)
+{
+    Ints calls;
+    LoggingObserver first(calls), second(calls);
+    IntAttr attr(nullptr, "a", 0), listened(nullptr, "b", 0);
+    ASSERT_TRUE(attr.attachObserver(&first, 7));
+    EXPECT_FALSE(attr.attachObserver(&second, 8));
+    attr.addListener([&] { calls.push_back(1); }, Attribute::CHANGE_ROLE);
+    attr.addListener([&] { calls.push_back(2); }, Attribute::DELETE_ROLE);
+    attr.setValue(1);
+    EXPECT_FALSE(attr.replaceObserver(&first, 8, &second));
+    EXPECT_FALSE(attr.replaceObserver(&second, 7, &first));
+    EXPECT_TRUE(attr.replaceObserver(&first, 7, &second));
+    attr.setValue(2);
+    EXPECT_FALSE(attr.detachObserver(&first));
+    EXPECT_TRUE(attr.detachObserver(&second));
+    attr.setValue(3);
+    EXPECT_EQ(calls, Ints({7, 1, 7, 1, 1}));
+    listened.removeListener(listened.addListener([] {}, Attribute::CHANGE_ROLE));
+    EXPECT_FALSE(listened.attachObserver(&first, 9));
+}
+
 // Each attribute reads the item of its value's shape; one that meets another item keeps its value
 // and leaves the position for the next reader.
 TEST(EventProcess, EachValueTypeReadsItsItemOntoTheUserLayer)

@@ -3,6 +3,9 @@
 
 #include <QStringList>
 
+#include <map>
+#include <random>
+
 namespace {
 
 // What nodes' events and attributes' DELETE_ROLE listeners see, in order; a node shows its size.
@@ -232,4 +235,29 @@ TEST(NodeDeletion, KindTestsAgreeWithDynamicCastWhileChildrenLeave)
         delete child;
     EXPECT_EQ(seen, QStringList({"node node", "alias alias", "int"}));
     EXPECT_EQ(Tamarack::toNode(nullptr), nullptr);
+}
+
+// Random additions, removals and lookups against a plain map, with few distinct names so that
+// probe runs collide, wrap and are cut by removals, and compactions move everyone.
+TEST(NodeChildren, LookupsMatchAMapThroughRandomAdditionsAndRemovals)
+{
+    std::mt19937 random(13);
+    Node root;
+    std::map<QByteArray, IntAttr *> expected;
+    for (int step = 0; step < 20000; ++step) {
+        const QByteArray name = QByteArray::number(int(random() % 300));
+        auto it = expected.find(name);
+        if (it == expected.end()) {
+            expected[name] = new IntAttr(&root, name, step);
+        } else if (random() % 2) {
+            delete it->second;
+            expected.erase(it);
+        }
+        const QByteArray probe = QByteArray::number(int(random() % 320));
+        const auto found = expected.find(probe);
+        ASSERT_EQ(root.attribute(probe), found == expected.end() ? nullptr : found->second) << step;
+    }
+    ASSERT_EQ(root.children().size(), expected.size());
+    for (const auto &entry : expected)
+        EXPECT_EQ(root.attribute(entry.first), entry.second);
 }

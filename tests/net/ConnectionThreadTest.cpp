@@ -382,6 +382,9 @@ TEST(ConnectionTiming, APeerThatStopsReadingIsCutAtThePingTimeout)
         connection->setPingTimeout(1.0);
         connection->run();
         loginAsClient(peer);
+        // Written by the writer's loop, so its count of queued bytes has been reset since: queued
+        // earlier, the bytes below would take it below zero.
+        EXPECT_EQ(peer.line(), "ping initialized");
         peer.send("pong\n");
         ASSERT_TRUE(eventually([&] { return connection->pingActive(); }));
         for (int i = 0; i < 64; ++i)   // far more than the sockets' buffers take
@@ -404,6 +407,7 @@ TEST(ConnectionTiming, APeerThatClosesDuringAStalledWriteIsNoPingTimeout)
     connection->setPingTimeout(30.0);
     connection->run();
     loginAsClient(peer);
+    EXPECT_EQ(peer.line(), "ping initialized");   // as above
     peer.send("pong\n");
     ASSERT_TRUE(eventually([&] { return connection->pingActive(); }));
     for (int i = 0; i < 64; ++i)

@@ -24,7 +24,7 @@ void SymbolRegistry::define(const QByteArray &name, const QByteArray &second, un
 void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol)
 {
     const unsigned hash = qHash(name);
-    const unsigned old = m_slots.empty() ? 0 : m_slots[findSlot(name, hash)].symbol;
+    const unsigned old = m_index.empty() ? 0 : m_index.valueAt(findSlot(name, hash));
     if (old != symbol) {
         if (old != 0)
             forget(old);
@@ -33,10 +33,8 @@ void SymbolRegistry::defineUnlocked(const QByteArray &name, const QByteArray &se
                 forget(symbol);
     }
     Entry &made = m_entries.make(symbol);
-    if (!made.defined()) {
-        ++m_count;
-        insertSlot(hash, symbol);
-    }
+    if (!made.defined())
+        m_index.insert(hash, symbol);
     made.define(name);
     if (second == name)
         m_seconds.erase(symbol);
@@ -55,21 +53,17 @@ unsigned SymbolRegistry::lookupOrDefineHashed(const QByteArray &name, const QByt
 {
     WriteLocker locker(&m_lock);
     // Another thread may have defined the name between the caller's read-locked miss and now.
-    std::size_t slot = m_slots.empty() ? 0 : findSlot(name, hash);
-    if (!m_slots.empty() && m_slots[slot].symbol != 0)
-        return m_slots[slot].symbol;
+    const std::size_t slot = m_index.empty() ? OpenIndex::npos : findSlot(name, hash);
+    if (slot != OpenIndex::npos && m_index.valueAt(slot) != 0)
+        return m_index.valueAt(slot);
     // Numbers given by define() may sit anywhere; skip them, and 0 after a wrap.
     while (m_next == 0 || entry(m_next))
         ++m_next;
     const unsigned symbol = m_next++;
     m_entries.make(symbol).define(name);
-    ++m_count;
     if (second != name)
         m_seconds[symbol] = second;
-    if (2 * m_count > m_slots.size())
-        insertSlot(hash, symbol);   // grows the index, and probes anew
-    else
-        m_slots[slot] = Slot{hash, symbol};
+    m_index.insert(hash, symbol, slot);
     return symbol;
 }
 
@@ -78,8 +72,8 @@ unsigned SymbolRegistry::lookupOrDefine(const QByteArray &name)
     const unsigned hash = qHash(name);
     {
         ReadLocker locker(&m_lock);
-        if (!m_slots.empty())
-            if (const unsigned symbol = m_slots[findSlot(name, hash)].symbol)
+        if (!m_index.empty())
+            if (const unsigned symbol = m_index.valueAt(findSlot(name, hash)))
                 return symbol;
     }
     return lookupOrDefineHashed(name, name, hash);
@@ -110,12 +104,12 @@ QByteArray SymbolRegistry::second(unsigned symbol) const
 std::size_t SymbolRegistry::count() const
 {
     ReadLocker locker(&m_lock);
-    return m_count;
+    return m_index.count();
 }
 
 unsigned SymbolRegistry::lookupUnlocked(const QByteArray &name) const
 {
-    return m_slots.empty() ? 0 : m_slots[findSlot(name, qHash(name))].symbol;
+    return m_index.empty() ? 0 : m_index.valueAt(findSlot(name, qHash(name)));
 }
 
 QByteArray SymbolRegistry::nameUnlocked(unsigned symbol) const
@@ -147,58 +141,14 @@ void SymbolRegistry::forget(unsigned symbol)
 {
     const Entry *held = entry(symbol);
     const QByteArray name = held->name();
-    eraseSlot(findSlot(name, qHash(name)));
+    m_index.erase(findSlot(name, qHash(name)));
     m_entries.reset(symbol);
     m_seconds.erase(symbol);
-    --m_count;
 }
 
 std::size_t SymbolRegistry::findSlot(const QByteArray &name, unsigned hash) const
 {
-    const std::size_t mask = m_slots.size() - 1;
-    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-        const Slot &slot = m_slots[i];
-        if (slot.symbol == 0 || (slot.hash == hash && entry(slot.symbol)->matches(name)))
-            return i;
-    }
-}
-
-void SymbolRegistry::insertSlot(unsigned hash, unsigned symbol)
-{
-    if (2 * m_count > m_slots.size()) {
-        std::vector<Slot> old(std::max<std::size_t>(16, 2 * m_slots.size()), Slot{0, 0});
-        old.swap(m_slots);
-        const std::size_t mask = m_slots.size() - 1;
-        for (const Slot &slot : old) {
-            if (slot.symbol == 0)
-                continue;
-            std::size_t i = slot.hash & mask;
-            while (m_slots[i].symbol != 0)
-                i = (i + 1) & mask;
-            m_slots[i] = slot;
-        }
-    }
-    const std::size_t mask = m_slots.size() - 1;
-    std::size_t i = hash & mask;
-    while (m_slots[i].symbol != 0)
-        i = (i + 1) & mask;
-    m_slots[i] = Slot{hash, symbol};
-}
-
-// Backward-shift deletion: later members of the probe run move up, so no tombstones are needed.
-void SymbolRegistry::eraseSlot(std::size_t slot)
-{
-    const std::size_t mask = m_slots.size() - 1;
-    std::size_t hole = slot;
-    for (std::size_t i = (slot + 1) & mask; m_slots[i].symbol != 0; i = (i + 1) & mask) {
-        const std::size_t home = m_slots[i].hash & mask;
-        // The entry may fill the hole if its home is not cyclically within (hole, i].
-        if (((i - home) & mask) >= ((i - hole) & mask)) {
-            m_slots[hole] = m_slots[i];
-            hole = i;
-        }
-    }
-    m_slots[hole] = Slot{0, 0};
+    return m_index.probe(hash, [&](unsigned symbol) { return entry(symbol)->matches(name); });
 }
 
 } // namespace Kestrel

@@ -1,4 +1,5 @@
 #pragma once
+#include "kestrel/OpenIndex.h"
 #include "kestrel/SymbolTable.h"
 #include "kestrel/kestrel_export.h"
 
@@ -62,26 +63,16 @@ private:
         bool isNullName() const { return m_name.isSharedWith(nullMarker()); }
         QByteArray m_name;
     };
-    // One place of the open-addressing index from names to symbols; symbol 0 marks a free place.
-    struct Slot
-    {
-        unsigned hash;
-        unsigned symbol;
-    };
-
     void defineUnlocked(const QByteArray &name, const QByteArray &second, unsigned symbol);
     unsigned lookupOrDefineHashed(const QByteArray &name, const QByteArray &second, unsigned hash);
     const Entry *entry(unsigned symbol) const;   // null unless defined
     void forget(unsigned symbol);
-    std::size_t findSlot(const QByteArray &name, unsigned hash) const; // its slot, or a free one
-    void insertSlot(unsigned hash, unsigned symbol);
-    void eraseSlot(std::size_t slot);
+    std::size_t findSlot(const QByteArray &name, unsigned hash) const; // its place, or a free one
 
     // All guarded by m_lock.
     SymbolTable<Entry> m_entries;
     std::unordered_map<unsigned int, QByteArray> m_seconds;
-    std::vector<Slot> m_slots;  // power-of-two size, at most half full; linear probing
-    std::size_t m_count = 0;    // defined names
+    OpenIndex m_index;          // names to symbols: one value per defined name
     mutable QReadWriteLock m_lock;
     unsigned m_next = 1;   // next candidate for allocation; never 0
 };

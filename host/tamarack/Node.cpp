@@ -1,6 +1,7 @@
 #include "tamarack/Node.h"
 
 #include "kestrel/BinaryData.h"
+#include "kestrel/OpenIndex.h"
 #include "kestrel/Trace.h"
 
 #include <QHash>
@@ -52,18 +53,10 @@ public:
         std::atomic<bool> active{true};
     };
 
-    // Name -> position in children, by open addressing with linear probing, at most half full:
-    // one 8-byte place per slot and no node per child. The names are the children's own.
-    struct Slot
-    {
-        unsigned hash;
-        unsigned position; // 1 + position in children; 0 marks a free place
-    };
-
     int find(Attribute *attribute) const; // under childMutex
     void compact();                       // under childMutex
     // All under childMutex.
-    std::size_t probe(const QByteArray &name, unsigned hash) const; // its slot, or the free one ending the run
+    std::size_t probe(const QByteArray &name, unsigned hash) const; // its place, or the free one ending the run
     int position(const QByteArray &name) const;                      // -1 if absent
     void indexInsert(const QByteArray &name, int position);
     void indexErase(const QByteArray &name);
@@ -71,8 +64,9 @@ public:
     // Lock order: childMutex and eventMutex are leaves; neither is held while calling out.
     mutable std::mutex childMutex;
     std::vector<Child> children;           // guarded by childMutex; addition order
-    std::vector<Slot> index;               // guarded by childMutex; power-of-two size or empty
-    std::size_t indexed = 0;               // guarded by childMutex; names in index
+    // Guarded by childMutex: name -> 1 + position in children, 8 bytes a place and no node per
+    // child. The names are the children's own.
+    Kestrel::OpenIndex index;
     int holes = 0;                         // guarded by childMutex
     bool clearing = false;                 // guarded by childMutex; set in ~Node, stops compaction
 
@@ -85,60 +79,28 @@ public:
 
 std::size_t Node::D::probe(const QByteArray &name, unsigned hash) const
 {
-    const std::size_t mask = index.size() - 1;
-    for (std::size_t i = hash & mask;; i = (i + 1) & mask) {
-        const Slot &slot = index[i];
-        if (slot.position == 0 || (slot.hash == hash && children[slot.position - 1].name == name))
-            return i;
-    }
+    return index.probe(hash, [&](unsigned position) { return children[position - 1].name == name; });
 }
 
 int Node::D::position(const QByteArray &name) const
 {
     if (index.empty())
         return -1;
-    return int(index[probe(name, qHash(name))].position) - 1;
+    return int(index.valueAt(probe(name, qHash(name)))) - 1;
 }
 
 void Node::D::indexInsert(const QByteArray &name, int position)
 {
-    if (2 * (indexed + 1) > index.size()) {
-        std::vector<Slot> old(std::max<std::size_t>(8, 2 * index.size()), Slot{0, 0});
-        old.swap(index);
-        const std::size_t mask = index.size() - 1;
-        for (const Slot &slot : old) {
-            if (slot.position == 0)
-                continue;
-            std::size_t i = slot.hash & mask;
-            while (index[i].position != 0)
-                i = (i + 1) & mask;
-            index[i] = slot;
-        }
-    }
-    const unsigned hash = qHash(name);
-    index[probe(name, hash)] = Slot{hash, unsigned(position) + 1};
-    ++indexed;
+    index.insert(qHash(name), unsigned(position) + 1);
 }
 
-// Backward-shift deletion: later members of the probe run move up, so no tombstones are needed.
 void Node::D::indexErase(const QByteArray &name)
 {
     if (index.empty())
         return;
-    const std::size_t mask = index.size() - 1;
-    std::size_t hole = probe(name, qHash(name));
-    if (index[hole].position == 0)
-        return;
-    for (std::size_t i = (hole + 1) & mask; index[i].position != 0; i = (i + 1) & mask) {
-        const std::size_t home = index[i].hash & mask;
-        // The entry may fill the hole if its home is not cyclically within (hole, i].
-        if (((i - home) & mask) >= ((i - hole) & mask)) {
-            index[hole] = index[i];
-            hole = i;
-        }
-    }
-    index[hole] = Slot{0, 0};
-    --indexed;
+    const std::size_t place = probe(name, qHash(name));
+    if (index.valueAt(place) != 0)
+        index.erase(place);
 }
 
 int Node::D::find(Attribute *attribute) const
@@ -166,7 +128,6 @@ void Node::D::compact()
     holes = 0;
     // The probes compare the names at the new positions, so the index is rebuilt after the move.
     index.clear();
-    indexed = 0;
     for (std::size_t i = 0; i < children.size(); ++i)
         indexInsert(children[i].name, int(i));
 }

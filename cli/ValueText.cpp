@@ -151,7 +151,15 @@ bool jsonStringList(const QString &text, QStringList &out, QString *error)
     return true;
 }
 
-// Numbers of a JSON array, each checked to fit E exactly where E is an integer.
+// A JSON number that the floating-point type E holds without overflowing to infinity.
+template <typename E>
+bool fitsFloating(double d)
+{
+    return std::isfinite(d) && std::fabs(d) <= double(std::numeric_limits<E>::max());
+}
+
+// Numbers of a JSON array, each checked to fit E: exactly where E is an integer, without
+// overflow where it is floating.
 template <typename E>
 bool jsonNumberList(const QString &text, std::vector<E> &out, QString *error)
 {
@@ -161,7 +169,7 @@ bool jsonNumberList(const QString &text, std::vector<E> &out, QString *error)
     for (const QJsonValue &v : array) {
         const double d = v.toDouble(std::nan(""));
         const bool fits = std::is_floating_point<E>::value
-                              ? !std::isnan(d)
+                              ? fitsFloating<E>(d)
                               : d == std::floor(d) && d >= double(std::numeric_limits<E>::lowest())
                                     && d <= double(std::numeric_limits<E>::max());
         if (!v.isDouble() || !fits) {
@@ -181,7 +189,8 @@ bool jsonPairList(const QString &text, C &out, QString *error)
         return false;
     for (const QJsonValue &v : array) {
         const QJsonArray pair = v.toArray();
-        if (pair.size() != 2 || !pair[0].isDouble() || !pair[1].isDouble()) {
+        if (pair.size() != 2 || !pair[0].isDouble() || !pair[1].isDouble() || !fitsFloating<float>(pair[0].toDouble())
+            || !fitsFloating<float>(pair[1].toDouble())) {
             *error = QStringLiteral("expected an array of [x,y] pairs: %1").arg(text);
             return false;
         }

@@ -123,6 +123,8 @@ TEST(ValueTextBad, RefusesWithAReasonAndWritesNothing)
         {3, "abc"}, {3, ""}, {20, "1,2"}, {20, "1,2,3,4"}, {1, "yes"}, {9, "1.5"}, {10, "-1"},
         {36, "[1]"}, {36, "a,b"}, {40, "[\"a\"]"}, {42, "[1.5]"}, {43, "[-1]"}, {41, "[[1]]"},
         {45, "3:00ff"}, {45, "x:00"}, {45, "2:0g"}, {5, "1"},
+        // Beyond float: the element became infinity, which reads back as no number.
+        {40, "[1e39,0.25]"}, {41, "[[1,-1e39]]"}, {46, "[[1e39,0]]"},
     };
     for (const auto &row : rows) {
         QByteArray bytes;

@@ -138,6 +138,10 @@ void BGThread::D::workerLoop()
         }
         {
             std::lock_guard<std::mutex> taskLock(best->m_d->mutex);
+            // Picked under the task's lock, which was let go since: a runNow(true) may have run it
+            // meanwhile, or be running it now. A retired task must not run again.
+            if (best->m_d->retired || best->m_d->running)
+                continue;
             best->m_d->running = true;
         }
         lock.unlock();
